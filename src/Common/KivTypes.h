@@ -1,0 +1,26 @@
+// Basic integer types, the untyped handle and the export marker shared by every public header.
+#ifndef KIV_COMMON_KIVTYPES_H
+#define KIV_COMMON_KIVTYPES_H
+
+#include <cstdint>
+
+typedef std::uint8_t UInt8;
+typedef std::uint16_t UInt16;
+typedef std::uint32_t UInt32;
+typedef std::uint64_t UInt64;
+
+// An object of the library named across the boundary (container, record, address, socket).
+// Handles are allocated by the library and belong to the host once returned.
+typedef void *HANDLE;
+
+// The library is built with hidden visibility; only what carries KIV_EXPORT is visible to hosts.
+#if defined(KIVNETWORKCOMM_BUILDING)
+#define KIV_EXPORT __attribute__((visibility("default")))
+#else
+#define KIV_EXPORT
+#endif
+
+// Exported functions have C linkage (unmangled names) but keep the C++ types of their signatures.
+#define KIV_EXTERN_C extern "C" KIV_EXPORT
+
+#endif // KIV_COMMON_KIVTYPES_H
