@@ -1,0 +1,50 @@
+// Fuzzes the message container: a script of stores, appends, extractions and copies, with
+// lengths taken from the input, must never touch memory outside the container's block.
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "CommonFiles/KivNetBuffer.h"
+#include "Exceptions/KivWrapperException.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  KivNetBuffer buffer;
+  KivNetBufferStorageGuard guard(buffer);
+  size_t at = 0;
+  while (at + 2 <= size) {
+    const uint8_t operation = data[at] % 5;
+    // Lengths from -8 to 247 exercise the refusal of negative counts.
+    const int length = static_cast<int>(data[at + 1]) - 8;
+    at += 2;
+    const size_t available = size - at;
+    const int sourceLength =
+        length < 0 ? length
+                   : static_cast<int>(length <= static_cast<int>(available) ? length : available);
+    std::vector<unsigned char> room(length > 0 ? static_cast<size_t>(length) : 0);
+    try {
+      switch (operation) {
+      case 0:
+        buffer.SetBuffer(data + at, sourceLength);
+        break;
+      case 1:
+        buffer.InsertIntoBuffer(data + at, sourceLength);
+        break;
+      case 2:
+        buffer.ExtractFromBuffer(room.data() != nullptr ? room.data() : nullptr, length);
+        break;
+      case 3:
+        buffer.GetBuffer(room.data(), length);
+        break;
+      default:
+        buffer.ResetBuffer();
+        break;
+      }
+    } catch (const KivWrapperException &) {
+      // Refusals are expected; what matters is that nothing outside a buffer was touched.
+    }
+    if (sourceLength > 0) {
+      at += static_cast<size_t>(sourceLength);
+    }
+  }
+  return 0;
+}
