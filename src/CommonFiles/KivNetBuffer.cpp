@@ -25,8 +25,7 @@ unsigned char *Allocate(int length, UInt32 function) {
 } // namespace
 
 KivNetBuffer::KivNetBuffer()
-    : mBuffer(nullptr), mBufferLength(0), mHeader(0), mCommand(0),
-      mClassID(kKivNetBufferClassID) {}
+    : mBuffer(nullptr), mBufferLength(0), mHeader(0), mCommand(0), mClassID(kKivNetBufferClassID) {}
 
 int KivNetBuffer::SetBuffer(const unsigned char *buffer, int length) {
   if (buffer == nullptr) {

@@ -3,8 +3,7 @@
 
 #include <cstdio>
 
-KivWrapperException::KivWrapperException(UInt32 errorClass, UInt32 errorFunc,
-                                         KivWrapperError error)
+KivWrapperException::KivWrapperException(UInt32 errorClass, UInt32 errorFunc, KivWrapperError error)
     : m_errorType(error), mClassFunc(errorClass + errorFunc) {}
 
 KivWrapperException::~KivWrapperException() = default;

@@ -48,11 +48,11 @@ enum FunctionNumber : UInt32 {
 
 // The kind of an interface-layer failure (KK, bits 7-0).
 enum FailureKind : UInt32 {
-  kKindGeneral = 0x00,       // no builder or parser for the header type, or an unexpected exception
-  kKindBadBuffer = 0x01,     // null, or not a message container
-  kKindBadSocket = 0x02,     // null, wrong class for the socket kind, or kind not 0, 1 or 2
-  kKindBadAddress = 0x03,    // null, or not an address
-  kKindUnsupported = 0x04,   // a well-formed socket kind or option this function does not serve
+  kKindGeneral = 0x00,     // no builder or parser for the header type, or an unexpected exception
+  kKindBadBuffer = 0x01,   // null, or not a message container
+  kKindBadSocket = 0x02,   // null, wrong class for the socket kind, or kind not 0, 1 or 2
+  kKindBadAddress = 0x03,  // null, or not an address
+  kKindUnsupported = 0x04, // a well-formed socket kind or option this function does not serve
 };
 
 constexpr UInt32 kInterfaceCodeBase = 0x0A090000;

@@ -22,7 +22,8 @@ KivNetBuffer *VerifyBufferHandle(HANDLE objHandle) {
 
 UInt32 GetHeaderType(HANDLE ptrMsg) {
   const KivNetBuffer *buffer = VerifyBufferHandle(ptrMsg);
-  return buffer != nullptr ? buffer->GetHeaderType() : InterfaceCode(kFnGetHeaderType, kKindBadBuffer);
+  return buffer != nullptr ? buffer->GetHeaderType()
+                           : InterfaceCode(kFnGetHeaderType, kKindBadBuffer);
 }
 
 UInt32 GetCommandType(HANDLE ptrMsg) {

@@ -54,18 +54,14 @@ enum KivEndPointInterface : UInt32 {
 // Open requests of the HBN3 TCP channel: "HBN3", a zero byte and the big-endian interface code.
 // Nine bytes each; byte arrays, not strings (no terminator).
 constexpr int kHBN3InterfaceTagLength = 9;
-static const unsigned char kHBN3PrintInterface[kHBN3InterfaceTagLength] = {0x48, 0x42, 0x4E,
-                                                                           0x33, 0x00, 0x00,
-                                                                           0x00, 0x00, 0x01};
-static const unsigned char kHBN3ScanInterface[kHBN3InterfaceTagLength] = {0x48, 0x42, 0x4E,
-                                                                          0x33, 0x00, 0x00,
-                                                                          0x00, 0x00, 0x02};
-static const unsigned char kHBN3HIDInterface[kHBN3InterfaceTagLength] = {0x48, 0x42, 0x4E,
-                                                                         0x33, 0x00, 0x00,
-                                                                         0x00, 0x00, 0x04};
-static const unsigned char kHBN3MediaInterface[kHBN3InterfaceTagLength] = {0x48, 0x42, 0x4E,
-                                                                           0x33, 0x00, 0x00,
-                                                                           0x00, 0x00, 0x08};
+static const unsigned char kHBN3PrintInterface[kHBN3InterfaceTagLength] = {
+    0x48, 0x42, 0x4E, 0x33, 0x00, 0x00, 0x00, 0x00, 0x01};
+static const unsigned char kHBN3ScanInterface[kHBN3InterfaceTagLength] = {
+    0x48, 0x42, 0x4E, 0x33, 0x00, 0x00, 0x00, 0x00, 0x02};
+static const unsigned char kHBN3HIDInterface[kHBN3InterfaceTagLength] = {
+    0x48, 0x42, 0x4E, 0x33, 0x00, 0x00, 0x00, 0x00, 0x04};
+static const unsigned char kHBN3MediaInterface[kHBN3InterfaceTagLength] = {
+    0x48, 0x42, 0x4E, 0x33, 0x00, 0x00, 0x00, 0x00, 0x08};
 
 // The open request sent for an interface; any value outside the enumeration opens the scan
 // interface.
@@ -106,32 +102,32 @@ struct HBNResponseInfo {
 
 // One port of a multi-port device, as an HCP discovery answer describes it.
 struct DeviceSpecific {
-  int iFlag = 0;                // 1: the port is attached and the entry filled; 0: unused
-  std::string strProdID;        // the port's product text (its STRID item)
-  std::string strOEMByte;       // not filled by the parser
-  std::string strCPDAttached;   // the port number text followed by " 1"
-  std::string strPrintrVidPid;  // the port's vendor/product identifier (its PRINTERVIDPID item)
-  int iPortInfo = 0;            // the port number
+  int iFlag = 0;               // 1: the port is attached and the entry filled; 0: unused
+  std::string strProdID;       // the port's product text (its STRID item)
+  std::string strOEMByte;      // not filled by the parser
+  std::string strCPDAttached;  // the port number text followed by " 1"
+  std::string strPrintrVidPid; // the port's vendor/product identifier (its PRINTERVIDPID item)
+  int iPortInfo = 0;           // the port number
 };
 
 // A device as its HCP answer describes it.
 struct KivNetRecord {
-  UInt8 iResponse = 0;          // result byte of a configuration answer (byte 26)
-  std::string strIPAddr;        // IPADDRESS
-  std::string strIPNetMask;     // IPNETMASK
-  std::string strIPGateway;     // IPGATEWAY
-  std::string strIPName;        // IPNAME
-  std::string strMacLaa;        // MACLAA, as received
-  std::string strMacUaa;        // MACUAA, as "ET" and 12 lowercase hex digits in canonical bit order
-  std::string strAdapterType;   // ADAPTERTYPE
-  std::string strIPAddrSrc;     // IPADDRSOURCE
-  std::string strOEMByte;       // OEMBYTE
-  std::string strPwdSet;        // PASSWORDSET: "TRUE", "FALSE" or empty
-  std::string strProdID;        // not filled by the parser (per-port text is in DeviceSpecific)
-  std::string strAdapterName;   // ADAPTERNAME
-  std::string strCPDAttached;   // not filled by the parser
-  std::string strPrintrVidPid;  // not filled by the parser
-  int iPortInfo = 0;            // not filled by the parser
+  UInt8 iResponse = 0;         // result byte of a configuration answer (byte 26)
+  std::string strIPAddr;       // IPADDRESS
+  std::string strIPNetMask;    // IPNETMASK
+  std::string strIPGateway;    // IPGATEWAY
+  std::string strIPName;       // IPNAME
+  std::string strMacLaa;       // MACLAA, as received
+  std::string strMacUaa;       // MACUAA, as "ET" and 12 lowercase hex digits in canonical bit order
+  std::string strAdapterType;  // ADAPTERTYPE
+  std::string strIPAddrSrc;    // IPADDRSOURCE
+  std::string strOEMByte;      // OEMBYTE
+  std::string strPwdSet;       // PASSWORDSET: "TRUE", "FALSE" or empty
+  std::string strProdID;       // not filled by the parser (per-port text is in DeviceSpecific)
+  std::string strAdapterName;  // ADAPTERNAME
+  std::string strCPDAttached;  // not filled by the parser
+  std::string strPrintrVidPid; // not filled by the parser
+  int iPortInfo = 0;           // not filled by the parser
   std::vector<DeviceSpecific> vecDeviceSpecific; // attached ports, in answer order
 };
 
