@@ -1,0 +1,27 @@
+// The host platform on Linux: default route, interface addresses and hardware addresses.
+#ifndef KIV_HELPERFILES_KIVLINUXHOSTPLATFORM_H
+#define KIV_HELPERFILES_KIVLINUXHOSTPLATFORM_H
+
+#include "HelperFiles/KivHostPlatform.h"
+
+namespace kiv {
+
+// Reads the system's state afresh on every call; holds nothing, so one object serves every thread.
+//  - Default interface: the IPv4 default route with the lowest metric in /proc/net/route (main
+//    routing table), and that interface's IPv4 address and mask from getifaddrs. When the
+//    interface has several addresses, the one whose subnet holds the gateway is taken, else the
+//    first. The broadcast address is the subnet's: address OR NOT mask.
+//  - Hardware addresses: the AF_PACKET entries of getifaddrs.
+class KivLinuxHostPlatform : public KivHostPlatform {
+public:
+  bool GetDefaultInterface(KivInterfaceInfo &info) const override;
+  std::string AddressToText(UInt32 address) const override;
+  bool GetLinkAddresses(std::vector<KivLinkAddress> &list) const override;
+};
+
+// The process's one Linux platform object.
+const KivHostPlatform &LinuxHostPlatform();
+
+} // namespace kiv
+
+#endif // KIV_HELPERFILES_KIVLINUXHOSTPLATFORM_H
