@@ -48,11 +48,11 @@ enum FunctionNumber : UInt32 {
 
 // The kind of an interface-layer failure (KK, bits 7-0).
 enum FailureKind : UInt32 {
-  kKindGeneral = 0x00,       // no builder or parser for the header type, or an unexpected exception
-  kKindBadBuffer = 0x01,     // null, or not a message container
-  kKindBadSocket = 0x02,     // null, wrong class for the socket kind, or kind not 0, 1 or 2
-  kKindBadAddress = 0x03,    // null, or not an address
-  kKindUnsupported = 0x04,   // a well-formed socket kind or option this function does not serve
+  kKindGeneral = 0x00,     // no builder or parser for the header type, or an unexpected exception
+  kKindBadBuffer = 0x01,   // null, or not a message container
+  kKindBadSocket = 0x02,   // null, wrong class for the socket kind, or kind not 0, 1 or 2
+  kKindBadAddress = 0x03,  // null, or not an address
+  kKindUnsupported = 0x04, // a well-formed socket kind or option this function does not serve
 };
 
 constexpr UInt32 kInterfaceCodeBase = 0x0A090000;
@@ -79,6 +79,18 @@ UInt32 Guarded(FunctionNumber function, Operation &&operation) noexcept {
     return kExceptionCodeBase + caught.GetErrorCode();
   } catch (...) {
     return InterfaceCode(function, kKindGeneral);
+  }
+}
+
+// The frame of a handle-creating function: runs `make` (which returns the new object) and gives
+// null when an exception of `Family` leaves it; an object whose constructor threw has already been
+// released by then. Any other exception, std::bad_alloc among them, leaves the function as it is.
+template <class Family, class Make>
+auto HandleOrNull(Make &&make) -> decltype(std::forward<Make>(make)()) {
+  try {
+    return std::forward<Make>(make)();
+  } catch (const Family &) {
+    return nullptr;
   }
 }
 
