@@ -82,6 +82,18 @@ UInt32 Guarded(FunctionNumber function, Operation &&operation) noexcept {
   }
 }
 
+// The frame of a handle-creating function: runs `make` (which returns the new object) and gives
+// null when an exception of `Family` leaves it; an object whose constructor threw has already been
+// released by then. Any other exception, std::bad_alloc among them, leaves the function as it is.
+template <class Family, class Make>
+auto HandleOrNull(Make &&make) -> decltype(std::forward<Make>(make)()) {
+  try {
+    return std::forward<Make>(make)();
+  } catch (const Family &) {
+    return nullptr;
+  }
+}
+
 } // namespace frame
 } // namespace kiv
 

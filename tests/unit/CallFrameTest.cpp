@@ -83,4 +83,17 @@ TEST(CallFrame, ContainerSizeFailureInASocketFunctionIsKindZero) {
   EXPECT_EQ(Guarded<KivWrapperException>(kFnRead, op), 0x0A0804A2u);
 }
 
+TEST(CallFrame, HandleCreationGivesNullOnlyForItsFamily) {
+  static int made = 7;
+  EXPECT_EQ(HandleOrNull<KivSocketException>([] { return &made; }), &made);
+  EXPECT_EQ(HandleOrNull<KivSocketException>(
+                []() -> int * { throw KivUDPSocketException(BIND_UDP_ERROR); }),
+            nullptr)
+      << "a subclass of the family counts";
+  EXPECT_THROW(HandleOrNull<KivSocketException>([]() -> int * { throw std::bad_alloc(); }),
+               std::bad_alloc);
+  EXPECT_THROW(HandleOrNull<KivSocketException>([]() -> int * { throw KivExceptions(); }),
+               KivExceptions);
+}
+
 } // namespace
