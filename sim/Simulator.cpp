@@ -1,0 +1,552 @@
+// The simulator's serving thread: one poll loop over every device socket and the group listener.
+#include "sim/Simulator.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "sim/DatagramSocket.h"
+#include "sim/DeviceProtocol.h"
+
+namespace kivsim {
+
+namespace {
+
+typedef std::chrono::steady_clock Clock;
+
+// The longest a poll waits, so that a lost wake-up still ends the loop soon after Stop.
+const int kPollLimitMs = 100;
+// Datagrams taken from one socket per round, so that a flood on one cannot starve the others.
+const int kReceiveBatch = 64;
+const std::size_t kMaxPending = 100000;
+const int kMaxDelayMs = 60000;
+const int kMaxCopies = 100;
+
+bool ParseAddress(const std::string &text, in_addr &address) {
+  return inet_pton(AF_INET, text.c_str(), &address) == 1;
+}
+
+bool IsLoopback(const in_addr &address) { return (ntohl(address.s_addr) >> 24) == 127; }
+
+// The pipe Stop writes to, so that the loop leaves its wait at once.
+class WakePipe {
+public:
+  WakePipe() {
+    if (pipe2(fds_, O_NONBLOCK | O_CLOEXEC) != 0) {
+      throw std::system_error(errno, std::generic_category(), "pipe2");
+    }
+  }
+  ~WakePipe() {
+    close(fds_[0]);
+    close(fds_[1]);
+  }
+  WakePipe(const WakePipe &) = delete;
+  WakePipe &operator=(const WakePipe &) = delete;
+  int ReadEnd() const { return fds_[0]; }
+  void Wake() {
+    const char byte = 1;
+    // A full pipe already wakes the loop; the result needs no check.
+    if (write(fds_[1], &byte, 1) < 0) {
+      return;
+    }
+  }
+  void Drain() {
+    char bytes[64];
+    while (read(fds_[0], bytes, sizeof bytes) > 0) {
+    }
+  }
+
+private:
+  int fds_[2];
+};
+
+} // namespace
+
+class Simulator::Engine {
+public:
+  explicit Engine(const SimulatorOptions &options) : options_(options) {}
+  ~Engine() { Stop(); }
+
+  int AddDevice(const DeviceRecord &record) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (running_) {
+      throw std::logic_error("devices are added before Start");
+    }
+    devices_.push_back(std::make_unique<DeviceState>());
+    devices_.back()->record = record;
+    return static_cast<int>(devices_.size() - 1);
+  }
+
+  int DeviceCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return static_cast<int>(devices_.size());
+  }
+
+  void Start();
+  void Stop();
+
+  bool Running() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return running_;
+  }
+  std::uint16_t HcpPort() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return hcpPort_;
+  }
+  std::uint16_t Hbn3Port() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return hbn3Port_;
+  }
+
+  DeviceRecord Device(int index) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return At(index).record;
+  }
+  void SetDevice(int index, const DeviceRecord &record) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    At(index).record = record;
+  }
+  void SetFaults(int index, const Faults &faults) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    At(index).faults = faults;
+  }
+  Faults GetFaults(int index) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return At(index).faults;
+  }
+  std::string BoundAddress(int index) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return At(index).boundAddress;
+  }
+  DeviceCounters Counters(int index) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return At(index).counters;
+  }
+
+private:
+  // Shared fields are guarded by mutex_; `sockets` belongs to the serving thread while it runs
+  // and to Start and Stop otherwise.
+  struct DeviceState {
+    DeviceRecord record;
+    Faults faults;
+    DeviceCounters counters;
+    std::string boundAddress;
+    std::map<std::uint16_t, std::shared_ptr<DatagramSocket>> sockets; // by port
+  };
+  // A socket the loop polls: a device's (device >= 0) or the group listener's (-1).
+  struct Source {
+    int device;
+    std::uint16_t port;
+    std::shared_ptr<DatagramSocket> socket;
+  };
+  // A delayed answer. It holds its socket, so it leaves from the address the device had when the
+  // request came, even if the device has moved since.
+  struct Pending {
+    Clock::time_point due;
+    int device;
+    int copies;
+    std::shared_ptr<DatagramSocket> socket;
+    sockaddr_in peer;
+    Bytes bytes;
+  };
+
+  DeviceState &At(int index) const {
+    if (index < 0 || static_cast<std::size_t>(index) >= devices_.size()) {
+      throw std::out_of_range("no device " + std::to_string(index));
+    }
+    return *devices_[static_cast<std::size_t>(index)];
+  }
+
+  bool MayServe(const in_addr &address) const {
+    return options_.answerAnyPeer || IsLoopback(address);
+  }
+
+  void OpenSockets();
+  void CloseSockets();
+  void Run();
+  void Serve();
+  void Receive(const Source &source, std::uint8_t *buffer, std::size_t size);
+  void HandleForDevice(int device, std::uint16_t port, const std::uint8_t *data, std::size_t length,
+                       const sockaddr_in &peer);
+  void SendNow(int device, DatagramSocket &socket, const sockaddr_in &peer, const Bytes &bytes,
+               int copies);
+  void SendDue();
+  void Rebind(int device);
+
+  const SimulatorOptions options_;
+  mutable std::mutex mutex_;
+  std::vector<std::unique_ptr<DeviceState>> devices_;
+  bool running_ = false;
+  std::uint16_t hcpPort_ = 0;
+  std::uint16_t hbn3Port_ = 0;
+
+  // Owned by Start/Stop, and read by the serving thread while it runs.
+  std::vector<Source> groupSources_;
+  std::vector<std::unique_ptr<DatagramSocket>> reservations_;
+  std::unique_ptr<WakePipe> wake_;
+  std::thread thread_;
+  std::atomic<bool> stopping_{false};
+
+  // The serving thread's own.
+  std::vector<Pending> pending_;
+  bool sourcesChanged_ = false;
+};
+
+void Simulator::Engine::Start() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (running_) {
+      throw std::logic_error("the simulator is already running");
+    }
+    for (const std::unique_ptr<DeviceState> &device : devices_) {
+      in_addr address{};
+      if (!ParseAddress(device->record.ipAddress, address) || !MayServe(address)) {
+        throw std::invalid_argument("device address not served: " + device->record.ipAddress);
+      }
+    }
+    if (!options_.groupAddress.empty()) {
+      in_addr address{};
+      if (!ParseAddress(options_.groupAddress, address) ||
+          (address.s_addr != htonl(INADDR_ANY) && !MayServe(address))) {
+        throw std::invalid_argument("group address not served: " + options_.groupAddress);
+      }
+    }
+    // Set before the thread exists: from here on no device may be added under its feet.
+    running_ = true;
+  }
+  try {
+    OpenSockets();
+    wake_ = std::make_unique<WakePipe>();
+    stopping_ = false;
+    sourcesChanged_ = true;
+    thread_ = std::thread([this]() { Run(); });
+  } catch (...) {
+    CloseSockets();
+    wake_.reset();
+    std::lock_guard<std::mutex> lock(mutex_);
+    running_ = false;
+    throw;
+  }
+}
+
+void Simulator::Engine::Stop() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!running_) {
+      return;
+    }
+  }
+  stopping_ = true;
+  wake_->Wake();
+  thread_.join();
+  pending_.clear();
+  CloseSockets();
+  wake_.reset();
+  std::lock_guard<std::mutex> lock(mutex_);
+  running_ = false;
+}
+
+void Simulator::Engine::OpenSockets() {
+  // One port, or two when HBN3 is served apart from HCP (two free ports are two ports).
+  std::vector<std::uint16_t> requested{options_.hcpPort};
+  if (options_.hbn3Port != options_.hcpPort || options_.hbn3Port == 0) {
+    requested.push_back(options_.hbn3Port);
+  }
+  std::vector<std::uint16_t> resolved;
+  for (std::uint16_t port : requested) {
+    if (port == 0) {
+      // A free port on every address, held for the simulator's life, so that no other program
+      // (or parallel test) that later asks for a free port is given it.
+      const bool wildcardGroup = options_.groupAddress == "0.0.0.0";
+      auto first = std::make_unique<DatagramSocket>("", 0, DatagramSocket::Bind::kExclusive);
+      port = first->LocalPort();
+      if (wildcardGroup) {
+        groupSources_.push_back(Source{-1, port, std::shared_ptr<DatagramSocket>(first.release())});
+      } else {
+        reservations_.push_back(std::move(first));
+      }
+    }
+    if (!options_.groupAddress.empty() &&
+        (groupSources_.empty() || groupSources_.back().port != port)) {
+      groupSources_.push_back(
+          Source{-1, port, std::make_shared<DatagramSocket>(options_.groupAddress, port)});
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const std::unique_ptr<DeviceState> &device : devices_) {
+      device->sockets[port] = std::make_shared<DatagramSocket>(device->record.ipAddress, port);
+      device->boundAddress = device->record.ipAddress;
+    }
+    resolved.push_back(port);
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  hcpPort_ = resolved.front();
+  hbn3Port_ = resolved.back();
+}
+
+void Simulator::Engine::CloseSockets() {
+  groupSources_.clear();
+  reservations_.clear();
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const std::unique_ptr<DeviceState> &device : devices_) {
+    device->sockets.clear();
+    device->boundAddress.clear();
+  }
+}
+
+void Simulator::Engine::Run() {
+  try {
+    Serve();
+  } catch (const std::exception &e) {
+    // Out of memory, most likely; the devices fall silent, which the caller sees as time-outs.
+    std::fprintf(stderr, "kivsim: serving stopped: %s\n", e.what());
+  }
+}
+
+void Simulator::Engine::Serve() {
+  std::vector<Source> sources;
+  std::vector<pollfd> fds;
+  std::vector<std::uint8_t> buffer(65536);
+  while (!stopping_.load()) {
+    if (sourcesChanged_) {
+      sourcesChanged_ = false;
+      sources = groupSources_;
+      for (std::size_t i = 0; i < devices_.size(); ++i) {
+        for (const auto &entry : devices_[i]->sockets) {
+          sources.push_back(Source{static_cast<int>(i), entry.first, entry.second});
+        }
+      }
+      fds.assign(1, pollfd{wake_->ReadEnd(), POLLIN, 0});
+      for (const Source &source : sources) {
+        fds.push_back(pollfd{source.socket->Descriptor(), POLLIN, 0});
+      }
+    }
+    int timeout = kPollLimitMs;
+    if (!pending_.empty()) {
+      const Clock::time_point due =
+          std::min_element(pending_.begin(), pending_.end(),
+                           [](const Pending &a, const Pending &b) { return a.due < b.due; })
+              ->due;
+      const auto wait =
+          std::chrono::duration_cast<std::chrono::milliseconds>(due - Clock::now()).count() + 1;
+      timeout = static_cast<int>(std::max<long long>(0, std::min<long long>(wait, timeout)));
+    }
+    const int ready = poll(fds.data(), fds.size(), timeout);
+    if (ready < 0 && errno != EINTR) {
+      break; // nothing to wait on is left that could work; Stop still joins
+    }
+    if (ready > 0) {
+      if ((fds[0].revents & POLLIN) != 0) {
+        wake_->Drain();
+      }
+      for (std::size_t i = 1; i < fds.size() && !stopping_.load(); ++i) {
+        if ((fds[i].revents & POLLIN) != 0) {
+          Receive(sources[i - 1], buffer.data(), buffer.size());
+        }
+      }
+    }
+    SendDue();
+  }
+}
+
+void Simulator::Engine::Receive(const Source &source, std::uint8_t *buffer, std::size_t size) {
+  for (int i = 0; i < kReceiveBatch; ++i) {
+    sockaddr_in peer{};
+    const long count = source.socket->ReceiveFrom(buffer, size, peer);
+    if (count < 0) {
+      return;
+    }
+    if (!MayServe(peer.sin_addr)) {
+      continue; // never answer beyond loopback unless told to
+    }
+    const std::size_t length = static_cast<std::size_t>(count);
+    if (source.device >= 0) {
+      const auto &sockets = devices_[static_cast<std::size_t>(source.device)]->sockets;
+      const auto current = sockets.find(source.port);
+      if (current == sockets.end() || current->second != source.socket) {
+        continue; // the device has moved away from this address; the socket closes soon
+      }
+      HandleForDevice(source.device, source.port, buffer, length, peer);
+    } else {
+      for (std::size_t device = 0; device < devices_.size(); ++device) {
+        HandleForDevice(static_cast<int>(device), source.port, buffer, length, peer);
+      }
+    }
+  }
+}
+
+void Simulator::Engine::HandleForDevice(int device, std::uint16_t port, const std::uint8_t *data,
+                                        std::size_t length, const sockaddr_in &peer) {
+  const RequestKind kind = Classify(data, length);
+  Bytes answer;
+  Faults faults;
+  bool moved = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    DeviceState &state = *devices_[static_cast<std::size_t>(device)];
+    faults = state.faults;
+    DeviceCounters &counters = state.counters;
+    switch (kind) {
+    case RequestKind::kDiscovery:
+      ++counters.discovery;
+      answer = DiscoveryAnswer(state.record, static_cast<std::uint16_t>((data[0] << 8) | data[1]),
+                               faults.wrongMac);
+      break;
+    case RequestKind::kConfiguration: {
+      ++counters.configuration;
+      ConfigOutcome outcome = Configure(state.record, data, length);
+      if (outcome.answered) {
+        answer = std::move(outcome.answer);
+        if (outcome.result == kConfigAccepted) {
+          state.record.ipAddress = outcome.ipAddress;
+          state.record.netmask = outcome.netmask;
+          state.record.gateway = outcome.gateway;
+          moved = true;
+        }
+      }
+      break;
+    }
+    case RequestKind::kStatusCache:
+      ++counters.statusCache;
+      answer = Hbn3Answer(state.record, data, length);
+      break;
+    case RequestKind::kPing:
+      ++counters.ping;
+      answer = Hbn3Answer(state.record, data, length);
+      break;
+    case RequestKind::kHostList:
+      ++counters.hostList;
+      answer = Hbn3Answer(state.record, data, length);
+      break;
+    case RequestKind::kRequestScan:
+      ++counters.requestScan;
+      answer = Hbn3Answer(state.record, data, length);
+      break;
+    case RequestKind::kUnknown:
+      ++counters.ignored;
+      break;
+    }
+  }
+  // The answer leaves from the socket the request came to, and a device that moves has its new
+  // sockets bound before that: a peer holding the answer finds the device at its new address.
+  DeviceState &state = *devices_[static_cast<std::size_t>(device)];
+  const auto found = state.sockets.find(port);
+  if (found == state.sockets.end()) {
+    return;
+  }
+  const std::shared_ptr<DatagramSocket> socket = found->second;
+  if (moved) {
+    Rebind(device);
+  }
+  if (answer.empty() || faults.silent) {
+    return;
+  }
+  if (faults.garbage) {
+    answer = Garbage(answer.size(), static_cast<std::uint32_t>(device + 1));
+  }
+  if (faults.truncateTo >= 0 && answer.size() > static_cast<std::size_t>(faults.truncateTo)) {
+    answer.resize(static_cast<std::size_t>(faults.truncateTo));
+  }
+  const int copies = std::clamp(faults.copies, 1, kMaxCopies);
+  const int delay = std::clamp(faults.delayMs, 0, kMaxDelayMs);
+  if (delay == 0) {
+    SendNow(device, *socket, peer, answer, copies);
+  } else if (pending_.size() < kMaxPending) {
+    pending_.push_back(Pending{Clock::now() + std::chrono::milliseconds(delay), device, copies,
+                               socket, peer, std::move(answer)});
+  }
+}
+
+void Simulator::Engine::SendNow(int device, DatagramSocket &socket, const sockaddr_in &peer,
+                                const Bytes &bytes, int copies) {
+  // Counted under the lock taken before the first datagram leaves, so a peer that has the
+  // answer and then reads the counters sees it counted.
+  std::lock_guard<std::mutex> lock(mutex_);
+  unsigned long sent = 0;
+  for (int i = 0; i < copies; ++i) {
+    if (socket.SendTo(bytes.data(), bytes.size(), peer)) {
+      ++sent;
+    }
+  }
+  DeviceCounters &counters = devices_[static_cast<std::size_t>(device)]->counters;
+  counters.answersSent += sent;
+  counters.sendFailures += static_cast<unsigned long>(copies) - sent;
+}
+
+void Simulator::Engine::SendDue() {
+  const Clock::time_point now = Clock::now();
+  std::vector<Pending> due;
+  for (auto it = pending_.begin(); it != pending_.end();) {
+    if (it->due <= now) {
+      due.push_back(std::move(*it));
+      it = pending_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  for (const Pending &answer : due) {
+    SendNow(answer.device, *answer.socket, answer.peer, answer.bytes, answer.copies);
+  }
+}
+
+void Simulator::Engine::Rebind(int device) {
+  DeviceState &state = *devices_[static_cast<std::size_t>(device)];
+  std::string address;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    address = state.record.ipAddress;
+  }
+  in_addr parsed{};
+  if (!ParseAddress(address, parsed) || !MayServe(parsed)) {
+    return; // an address beyond loopback: the device keeps serving where it is
+  }
+  std::map<std::uint16_t, std::shared_ptr<DatagramSocket>> moved;
+  try {
+    for (const auto &entry : state.sockets) {
+      moved[entry.first] = std::make_shared<DatagramSocket>(address, entry.first);
+    }
+  } catch (const std::system_error &) {
+    return; // the address cannot be bound here: the device keeps its old sockets
+  }
+  // The old sockets live on in the loop's source list and in delayed answers until those are
+  // done with them.
+  state.sockets.swap(moved);
+  sourcesChanged_ = true;
+  std::lock_guard<std::mutex> lock(mutex_);
+  state.boundAddress = address;
+}
+
+Simulator::Simulator(const SimulatorOptions &options)
+    : engine_(std::make_unique<Engine>(options)) {}
+
+Simulator::~Simulator() = default;
+
+int Simulator::AddDevice(const DeviceRecord &record) { return engine_->AddDevice(record); }
+int Simulator::DeviceCount() const { return engine_->DeviceCount(); }
+void Simulator::Start() { engine_->Start(); }
+void Simulator::Stop() { engine_->Stop(); }
+bool Simulator::Running() const { return engine_->Running(); }
+std::uint16_t Simulator::HcpPort() const { return engine_->HcpPort(); }
+std::uint16_t Simulator::Hbn3Port() const { return engine_->Hbn3Port(); }
+DeviceRecord Simulator::Device(int index) const { return engine_->Device(index); }
+void Simulator::SetDevice(int index, const DeviceRecord &record) {
+  engine_->SetDevice(index, record);
+}
+void Simulator::SetFaults(int index, const Faults &faults) { engine_->SetFaults(index, faults); }
+Faults Simulator::GetFaults(int index) const { return engine_->GetFaults(index); }
+std::string Simulator::BoundAddress(int index) const { return engine_->BoundAddress(index); }
+DeviceCounters Simulator::Counters(int index) const { return engine_->Counters(index); }
+
+} // namespace kivsim

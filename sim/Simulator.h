@@ -1,0 +1,102 @@
+// A scriptable set of simulated network devices that answer HCP and HBN3 requests over UDP.
+#ifndef KIV_SIM_SIMULATOR_H
+#define KIV_SIM_SIMULATOR_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "sim/DeviceRecord.h"
+#include "sim/Faults.h"
+
+namespace kivsim {
+
+// Where the simulator listens.
+struct SimulatorOptions {
+  std::uint16_t hcpPort = 5353; // HCP discovery and configuration; 0: a free port
+  std::uint16_t hbn3Port = 0;   // HBN3 requests; 0: a free port; may equal hcpPort
+  // Group listener: a query it receives is answered by every device, each from its own address.
+  // Empty: none. "0.0.0.0": every address (inside a test's own network namespace, where it takes
+  // broadcasts); a loopback address such as 127.0.0.2: one query that all devices answer.
+  std::string groupAddress;
+  // Devices answer only peers in 127.0.0.0/8 and may only have addresses there, unless this is
+  // set. Set it only inside a network namespace the caller made itself.
+  bool answerAnyPeer = false;
+};
+
+// Requests each device has received and answers it has sent since it was added.
+struct DeviceCounters {
+  unsigned long discovery = 0;
+  unsigned long configuration = 0; // every configuration message seen, for this device or not
+  unsigned long statusCache = 0;
+  unsigned long ping = 0;
+  unsigned long hostList = 0;
+  unsigned long requestScan = 0;
+  unsigned long ignored = 0; // datagrams that are no request
+  unsigned long answersSent = 0;
+  unsigned long sendFailures = 0;
+};
+
+// The devices and the thread that serves them. Each device owns one socket per port, bound to
+// its own address, so a unicast request reaches it alone and its answers leave from its address.
+// A query to the group listener reaches every device; each answers from its own socket.
+//
+// A configuration the device accepts changes its record at once (after the answer has left from
+// the old address). Its sockets then move to the new address when that address may be served
+// (loopback, or any with answerAnyPeer) and can be bound; otherwise they stay on the old address,
+// which BoundAddress() keeps reporting. The group listener serves the device either way.
+//
+// All members may be called from any thread; Start and Stop from one thread at a time.
+class Simulator {
+public:
+  explicit Simulator(const SimulatorOptions &options = SimulatorOptions());
+  // Stops the thread and closes every socket.
+  ~Simulator();
+  Simulator(const Simulator &) = delete;
+  Simulator &operator=(const Simulator &) = delete;
+
+  // Adds a device and returns its index (0, 1, ...). Throws std::logic_error while running.
+  int AddDevice(const DeviceRecord &record);
+
+  int DeviceCount() const;
+
+  // Binds every socket and starts serving. Throws std::invalid_argument for an address that may
+  // not be served, std::system_error when a socket cannot be bound (nothing stays open), and
+  // std::logic_error when already running.
+  void Start();
+
+  // Stops serving within one bounded wait (about 100 ms), drops answers not yet sent and closes
+  // every socket. Does nothing when not running. The devices keep their records; Start serves
+  // them again.
+  void Stop();
+
+  bool Running() const;
+
+  // The ports served, with free ports resolved; valid after Start.
+  std::uint16_t HcpPort() const;
+  std::uint16_t Hbn3Port() const;
+
+  // A copy of device `index`'s current record (with the addresses a configuration set).
+  // Throws std::out_of_range for an unknown index.
+  DeviceRecord Device(int index) const;
+
+  // Replaces device `index`'s record. Its sockets stay where they are until the next Start.
+  void SetDevice(int index, const DeviceRecord &record);
+
+  // The faults device `index` shows from its next answer on.
+  void SetFaults(int index, const Faults &faults);
+  Faults GetFaults(int index) const;
+
+  // The address device `index`'s sockets are bound to ("" before Start).
+  std::string BoundAddress(int index) const;
+
+  DeviceCounters Counters(int index) const;
+
+private:
+  class Engine;
+  std::unique_ptr<Engine> engine_;
+};
+
+} // namespace kivsim
+
+#endif // KIV_SIM_SIMULATOR_H
