@@ -8,6 +8,7 @@
 #include "Asm_Deasm/KivAssembler.h"
 #include "Asm_Deasm/KivDisassembler.h"
 #include "CommonFiles/KivAsm_DeasmFactory.h"
+#include "HelperFiles/KivNetHelperUtils.h"
 #include "Interfaces/KivCallFrame.h"
 
 using namespace kiv::frame;
@@ -434,4 +435,54 @@ KivSocket *VerifySocketHandle(HANDLE objHandle, int iType) {
   }
   KivSocket *socket = static_cast<KivSocket *>(objHandle);
   return socket->getClassID() == kSocketClassIDs[iType] ? socket : nullptr;
+}
+
+// ---- Host information -------------------------------------------------------------------------
+//
+// Thin by intent: each makes its own snapshot object, asks once and lets the int -1 of a host
+// without a default interface reach the caller, as the header states. No call frame: these
+// functions report no codes.
+
+ether_addr *GetHostMACAddress(const char *device) {
+  return KivNetHelperUtils().GetHostMACAddress(device);
+}
+
+UInt32 GetHostIPAddress() { return KivNetHelperUtils().GetHostIPAddress(); }
+
+UInt32 GetHostBroadcastAddress() { return KivNetHelperUtils().GetHostBroadcastAddress(); }
+
+UInt32 GetHostGateway() { return KivNetHelperUtils().GetHostGateway(); }
+
+UInt32 GetHostNetMask() { return KivNetHelperUtils().GetHostNetMask(); }
+
+std::string GetHostIPAddressString() { return KivNetHelperUtils().GetHostIPAddressString(); }
+
+std::string GetHostBroadcastAddressString() {
+  return KivNetHelperUtils().GetHostBroadcastAddressString();
+}
+
+std::string GetHostGatewayString() { return KivNetHelperUtils().GetHostGatewayString(); }
+
+std::string GetHostNetMaskString() { return KivNetHelperUtils().GetHostNetMaskString(); }
+
+std::string GetHostname() { return KivNetHelperUtils().GetHostname(); }
+
+unsigned long GetLongFromIP(std::string &ip) {
+  const std::string copy = ip;
+  return KivNetHelperUtils().GetLongFromIP(copy);
+}
+
+bool IsBroadcastAddress(std::string &strAddress) {
+  // A plain text comparison: a host that writes the address differently gets false.
+  return strAddress == GetHostBroadcastAddressString();
+}
+
+void ConvertCharStrToHexVal(const char *destMac, unsigned char *arrMacAddress) {
+  // A fresh object each call, so a character that is not a digit never inherits one from an
+  // earlier conversion: it is 0.
+  KivNetHelperUtils().ConvertCharStrToHexVal(destMac, arrMacAddress);
+}
+
+void GetExactHexValOfString(const char *destMac, UInt8 *val) {
+  KivNetHelperUtils().GetExactHexValOfString(destMac, val);
 }

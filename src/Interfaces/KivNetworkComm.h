@@ -267,4 +267,60 @@ KIV_EXTERN_C KivSocketAddress *VerifySockAddressHandle(HANDLE objHandle);
 // made by the library, or null.
 KIV_EXTERN_C KivSocket *VerifySocketHandle(HANDLE objHandle, int iType);
 
+// ---- Host information -------------------------------------------------------------------------
+//
+// The host's default IPv4 interface (the interface of the default route with the lowest metric),
+// its host name, and the MAC and address text conversions. Each function takes a fresh snapshot
+// of the default interface, asks one question and returns the answer itself: no result codes, no
+// handles, no state kept between calls, callable from any thread.
+//
+// Exceptions: every function here, the conversions and IsBroadcastAddress included, throws the
+// int -1 when the host has no default IPv4 interface (no default route, or no IPv4 address on its
+// interface). Nothing here catches it; a host that may run without a network catches `int`.
+//
+// Addresses are 32-bit IPv4 addresses in network byte order (192.168.1.1 is the bytes C0 A8 01 01
+// in memory); the texts are dotted decimal, at most 15 characters.
+
+// Six bytes of hardware address; the full declaration is in <net/ethernet.h>.
+struct ether_addr;
+
+// The hardware address of the first interface whose name of n characters equals the first n
+// characters of `device` (so "eth0.100" finds eth0). Null for a null `device`, an unknown name, an
+// unreadable interface list or no memory. Ownership: the result is a new 6-byte block that the
+// caller releases with free().
+KIV_EXTERN_C ether_addr *GetHostMACAddress(const char *device);
+
+// The default interface's address, broadcast address, default gateway and net mask.
+KIV_EXTERN_C UInt32 GetHostIPAddress();
+KIV_EXTERN_C UInt32 GetHostBroadcastAddress();
+KIV_EXTERN_C UInt32 GetHostGateway();
+KIV_EXTERN_C UInt32 GetHostNetMask();
+
+// The same four addresses as dotted text.
+KIV_EXTERN_C std::string GetHostIPAddressString();
+KIV_EXTERN_C std::string GetHostBroadcastAddressString();
+KIV_EXTERN_C std::string GetHostGatewayString();
+KIV_EXTERN_C std::string GetHostNetMaskString();
+
+// The host name (at most 255 characters), or the empty string when the system gives none.
+KIV_EXTERN_C std::string GetHostname();
+
+// The address written in `ip` as dotted text, in network byte order; 0xFFFFFFFF for text that is
+// no address. `ip` is read only.
+KIV_EXTERN_C unsigned long GetLongFromIP(std::string &ip);
+
+// True when `strAddress` is, character for character, the text GetHostBroadcastAddressString
+// gives. The text is not parsed: "192.168.001.255" is not "192.168.1.255". `strAddress` is read
+// only.
+KIV_EXTERN_C bool IsBroadcastAddress(std::string &strAddress);
+
+// Converts a MAC text of 12 characters into 6 bytes at `arrMacAddress`: "0"-"9" are the digits
+// 0-9 and "A"-"Z" the digits 10-35 (uppercase only), and byte j is (digit 2j << 4 | digit 2j+1)
+// kept to 8 bits, so "0004AC1F2B3C" gives 00 04 AC 1F 2B 3C. Any other character, and every
+// position a shorter (or null) text lacks, has the digit 0. A null `arrMacAddress` does nothing.
+KIV_EXTERN_C void ConvertCharStrToHexVal(const char *destMac, unsigned char *arrMacAddress);
+
+// The same conversion into the 6 bytes at `val`.
+KIV_EXTERN_C void GetExactHexValOfString(const char *destMac, UInt8 *val);
+
 #endif // KIV_INTERFACES_KIVNETWORKCOMM_H
