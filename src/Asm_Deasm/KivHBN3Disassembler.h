@@ -33,7 +33,9 @@ public:
 
   // Takes a copy of the container's message; the header type is bytes 0-3, the command bytes
   // 16-19 of an "HBN3" message or bytes 24-27 of an "HCP1" message (other tags keep the command).
-  // Throws BUFFER_NULL (null container) or COPY_ERROR of 0x400.
+  // A field the message is too short for reads as 0; the parse operations refuse such messages.
+  // Throws BUFFER_NULL (null container) or COPY_ERROR of 0x400, or passes on the container's
+  // GetBuffer exception; after a failure the earlier message is still held.
   void SetMessage(KivNetBuffer *msgObject) override;
   UInt32 GetHeaderType() override { return mHeaderType; }
   UInt32 GetCommandType() override { return mCommand; }
@@ -41,27 +43,44 @@ public:
   // Reads an HCP answer into `recDiscovered` (strings replaced, device entries appended). `iType`
   // 0x80000006: a discovery answer; any other value: a configuration answer, whose result byte
   // (byte 26) goes to iResponse and whose addresses are read only when it is 0. Returns 0; every
-  // failure (a required key missing, a cut-off value, a message too short) throws COPY_ERROR of
-  // 0x700.
+  // failure (a required key missing, a cut-off value, a configuration answer shorter than 27
+  // bytes, no default interface for the MAC conversion of a discovery answer) throws COPY_ERROR of
+  // 0x700, and the record may then hold some new fields.
   UInt32 ParseHCPResponse(UInt32 iType, KivNetRecord &recDiscovered) override;
+  // The answer to a status-cache request. A cut-short answer (declared status length beyond the
+  // bytes, or negative) gives no status bytes: empty strPayload, iPayloadLength 0, empty
+  // strPrinterID; fewer than 28 status bytes give an empty strPrinterID. Throws COPY_ERROR of
+  // 0x800 for every failure, a message shorter than 40 bytes included.
   StatCacheResponse ParseStatusCacheResponse() override;
+  // Port information, channel, and bytes 24-27 as iStatus. Throws COPY_ERROR of 0x900 below 28
+  // bytes.
   HBNResponseInfo ParseHostListEntryResponse() override;
+  // Port information, channel; iStatus 1 for the ping reply command 0x80000003, else 0. Throws
+  // COPY_ERROR of 0xA00 below 20 bytes.
   HBNResponseInfo ParsePingResponse() override;
+  // As ParsePingResponse for the request-scan reply command 0x80000005; 0xB00 below 20 bytes.
   HBNResponseInfo ParseRequestScanResponse() override;
+  // A device's scan request: port information, channel, time stamp, and bytes 24-31 as iReport in
+  // memory order (iStatus 0). Throws COPY_ERROR of 0xC00 below 32 bytes.
   HBNResponseInfo ParseRequestScan() override;
 
-  // At most iLen - 1 characters of `strObject` from position `iIndex` (fewer when it ends first).
-  // Throws COPY_ERROR of 0xD00 for a negative iLen or an iIndex beyond the end.
+  // At most iLen - 1 characters of `strObject` from position `iIndex` (fewer when it ends first);
+  // iLen 0 gives the empty text. Throws COPY_ERROR of 0xD00 for a negative iLen or an iIndex
+  // that is negative or beyond the end.
   std::string copyData(std::string strObject, int iLen, int iIndex);
   // The value of a KEY=value item starting at `iIndex` of the held message, by the item value
   // rules (quoted text, or a run that stops before an uppercase letter, after 31 bytes, at the
   // end of the message, and in address mode before anything but digits and '.'). `strStream` is
-  // the held message as text.
+  // the held message as text. Throws COPY_ERROR of 0xD00 for a quoted value without its closing
+  // quote and for an iIndex outside 0 to the message length (at the length the value is empty).
   std::string getValue(std::string strStream, int iIndex);
   // Switches address mode of getValue.
   void isAddress(bool bAddress) { mAddressState = bAddress; }
 
 private:
+  // ParseHCPResponse without its boundary: may throw anything.
+  UInt32 ReadHCPAnswer(UInt32 iType, KivNetRecord &rec);
+
   UInt32 mHeaderType;
   UInt32 mCommand;
   int mLength;

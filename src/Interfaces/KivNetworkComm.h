@@ -45,8 +45,132 @@ KIV_EXTERN_C UInt32 GetHeaderType(HANDLE ptrMsg);
 KIV_EXTERN_C UInt32 GetCommandType(HANDLE ptrMsg);
 
 // ---- Message building -------------------------------------------------------------------------
+//
+// Each function builds one complete wire message and stores it in the container `objHeader`,
+// replacing what it held (its header type and command are then read from the new message).
+// `iHeaderType` is 0x48424E33 ("HBN3") or 0x48435031 ("HCP1"); both build the same message, the
+// value only selects the builder. String and pointer arguments are read, never changed or kept.
+//
+// Codes: 0 on success; 0x0A09NN01 when `objHeader` is null or not a container; 0x0A09NN00 for any
+// other header type or an unexpected failure; 0x0A000000 + the error code of a failure of the
+// message layer (e.g. 0x0A0201A3 for a null unique identifier, 0x0A0805A3 when memory runs out
+// while the container is filled). On every failure but the last the container is unchanged; the
+// last leaves it empty.
+//
+// Ownership: the container stays the host's; its new storage is released by the container's own
+// operations (ResetBuffer, the next SetBuffer). Nothing else is handed out.
+
+// The 41-byte HCP discovery query. NN 0x05.
+KIV_EXTERN_C UInt32 CreateDiscovery(UInt32 iHeaderType, HANDLE objHeader);
+
+// HBN3 ping (24 bytes): port information 0, channel 0, time stamp `iTimeStamp`, command 3.
+// NN 0x06.
+KIV_EXTERN_C UInt32 CreatePing(UInt32 iHeaderType, UInt32 iTimeStamp, HANDLE objHeader);
+
+// HBN3 status-cache request (24 bytes): the given port information, channel and time stamp,
+// command 1. NN 0x07.
+KIV_EXTERN_C UInt32 CreateStatusCacheRequest(UInt32 iHeaderType, UInt32 iPortInfo,
+                                             UInt32 iChannelID, UInt32 iTimeStamp,
+                                             HANDLE objHeader);
+
+// HBN3 host-list entry (24 + 18 + name length bytes): channel 2, command 4, and the payload type
+// `iType`, the PIN `strPinNum` (its first four characters; "0000" when empty), the six bytes at
+// `cUniqueID`, the code page `iCodePage` and the name. `strHostname` is length-prefixed: its first
+// byte is the number of name bytes that follow, and the caller provides them all; null sends no
+// name. A null `cUniqueID` gives 0x0A0201A3. `bPwdFlag` is not used. NN 0x08.
+KIV_EXTERN_C UInt32 CreateHostListEntry(UInt32 iHeaderType, bool bPwdFlag, int iType,
+                                        UInt32 iPortInfo, UInt32 iTimeStamp, char *strHostname,
+                                        std::string &strPinNum, unsigned char *cUniqueID,
+                                        UInt16 iCodePage, HANDLE objHeader);
+
+// HBN3 request scan (32 bytes): channel 2, command 5, data length 8, then `iHIDRep` least
+// significant byte first. `bPwdFlag` is not used. NN 0x09.
+KIV_EXTERN_C UInt32 CreateRequestScan(UInt32 iHeaderType, bool bPwdFlag, UInt32 iPortInfo,
+                                      UInt32 iTimeStamp, UInt64 iHIDRep, HANDLE objHeader);
+
+// HBN3 request-scan reply (24 bytes): channel 2, command 0x80000005. `bPwdFlag` is not used.
+// NN 0x0A.
+KIV_EXTERN_C UInt32 CreateRequestScanReply(UInt32 iHeaderType, bool bPwdFlag, UInt32 iPortInfo,
+                                           UInt32 iTimeStamp, HANDLE objHeader);
+
+// HCP configuration message (34 + password length + record length bytes) that gives the device
+// with the MAC text `strDestMacAddress` (12 hexadecimal digits) the address `strDestIPAddress`,
+// the mask `strNetMask` and the gateway `strGateway`, behind the password bytes `strPassword`
+// (sent as given). The source MAC is zero and the source address is the host's default IPv4
+// address: `strSrcMacAddress` and `strSrcIPAddress` are not used. Further codes: 0x0A0507A3 when
+// the three address texts together exceed 991 characters, 0x0A0409A3 for a password above 65535
+// bytes, 0x0A090B00 when the host has no default IPv4 interface. NN 0x0B.
+KIV_EXTERN_C UInt32 CreateIPConfig(UInt32 iHeaderType, std::string &strDestMacAddress,
+                                   std::string &strSrcMacAddress, std::string &strSrcIPAddress,
+                                   std::string &strDestIPAddress, std::string &strPassword,
+                                   std::string &strNetMask, std::string &strGateway,
+                                   HANDLE objHeader);
 
 // ---- Message parsing and records --------------------------------------------------------------
+//
+// Each function reads the message held by the container `ptrMsg` as one kind of answer and
+// copies the parsed values into the caller's record. It does not check that the message is of
+// that kind (ask GetHeaderType and GetCommandType first). `iHeaderType` is 0x48424E33 ("HBN3") or
+// 0x48435031 ("HCP1"); both select the same parser. The container is only read: it holds the same
+// message afterwards and can be parsed again.
+//
+// Codes: 0 on success; 0x0A09NN01 when `ptrMsg` is null or not a container; 0x0A09NN00 for any
+// other header type or an unexpected failure (e.g. memory exhausted); 0x0A000000 + the parser's
+// error code when the message cannot be parsed (0x0A0707A3 to 0x0A070CA3 by answer kind, see
+// each function; 0x0A0704A3 when the parser cannot copy the message).
+//
+// The record is written only on success, and then only in the fields listed for the function;
+// every other field keeps the caller's value. Records belong to the caller; the library keeps no
+// reference to them or to the container.
+
+// Reads an HCP answer into `DeviceRec`. `iType` 0x80000006 reads the answer to the discovery
+// query; any other value reads the answer to a configuration message, whose result byte is
+// stored in `DeviceRec.iResponse` (a discovery answer leaves iResponse as it was). Writes the
+// fourteen strings (strIPAddr, strIPNetMask, strIPGateway, strIPName, strMacLaa, strMacUaa,
+// strAdapterType, strIPAddrSrc, strOEMByte, strPwdSet, strProdID, strAdapterName, strCPDAttached,
+// strPrintrVidPid) and replaces the device list `vecDeviceSpecific` as a whole with the parsed
+// ports. A configuration answer carries only the three addresses, and none when its result byte
+// is not 0: the strings and the device list it lacks are written empty. `iPortInfo` is never
+// written. 0x0A0707A3 when a required item is missing or cut off. NN 0x0C.
+KIV_EXTERN_C UInt32 ParseHCPResponse(UInt32 iHeaderType, HANDLE ptrMsg, UInt32 iType,
+                                     KivNetRecord &DeviceRec);
+
+// Reads a ping answer: writes iPortInfo, iChannelID and iStatus (1 for a ping reply, command
+// 0x80000003, else 0). 0x0A070AA3 for a message shorter than 20 bytes. NN 0x0D.
+KIV_EXTERN_C UInt32 ParsePingResponse(UInt32 iHeaderType, HANDLE ptrMsg,
+                                      HBNResponseInfo &responseInfo);
+
+// Reads a request-scan answer: writes iPortInfo, iChannelID and iStatus (1 for a request-scan
+// reply, command 0x80000005, else 0). 0x0A070BA3 for a message shorter than 20 bytes. NN 0x0E.
+KIV_EXTERN_C UInt32 ParseRequestScanResponse(UInt32 iHeaderType, HANDLE ptrMsg,
+                                             HBNResponseInfo &responseInfo);
+
+// Reads a host-list answer: writes iPortInfo, iChannelID and iStatus (the first four payload
+// bytes, bytes 24-27, as a number). 0x0A0709A3 for a message shorter than 28 bytes. NN 0x0F.
+KIV_EXTERN_C UInt32 ParseHostListEntryResponse(UInt32 iHeaderType, HANDLE ptrMsg,
+                                               HBNResponseInfo &responseInfo);
+
+// Reads a status-cache answer: writes all eight fields of `statResponse` (iReserved 0,
+// strPayload exactly iPayloadLength status bytes). 0x0A0708A3 for an answer shorter than 40
+// bytes. NN 0x10.
+KIV_EXTERN_C UInt32 ParseStatusCacheResponse(UInt32 iHeaderType, HANDLE ptrMsg,
+                                             StatCacheResponse &statResponse);
+
+// Reads a scan request sent by a device: writes iPortInfo, iChannelID, iTimeStamp and iReport
+// (bytes 24-31, least significant byte first). 0x0A070CA3 for a message shorter than 32 bytes.
+// NN 0x35.
+KIV_EXTERN_C UInt32 ParseRequestScan(UInt32 iHeaderType, HANDLE ptrMsg,
+                                     HBNResponseInfo &responseInfo);
+
+// A new status-cache record: strings empty, numbers 0. Returns it as a handle; pass `*record` to
+// ParseStatusCacheResponse. Owned by the host (the library never releases it; it was made with
+// new StatCacheResponse). Throws std::bad_alloc when memory is exhausted.
+KIV_EXTERN_C HANDLE CreateStatCacheResponse();
+
+// A new HCP device record: strings and device list empty, numbers 0. Returns it as a handle; pass
+// `*record` to ParseHCPResponse. Owned by the host (the library never releases it; it was made
+// with new KivNetRecord). Throws std::bad_alloc when memory is exhausted.
+KIV_EXTERN_C HANDLE CreateKivNetRecord();
 
 // ---- UDP sockets and addresses ----------------------------------------------------------------
 //
