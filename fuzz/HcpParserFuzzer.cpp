@@ -54,8 +54,6 @@ void ParseAs(KivHBN3Disassembler &parser, UInt32 kind) {
     Require(entry.iFlag == 1);
     Require(entry.strCPDAttached.size() >= 2 &&
             entry.strCPDAttached.compare(entry.strCPDAttached.size() - 2, 2, " 1") == 0);
-    // The closing quote is searched from the text's second byte: never an empty text.
-    Require(!entry.strPrintrVidPid.empty());
   }
 }
 
