@@ -1,6 +1,7 @@
 // The parser of HBN3 answers, device scan requests and HCP answers.
 #include "Asm_Deasm/KivHBN3Disassembler.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -30,6 +31,9 @@ constexpr int kOffHCPResult = 26;
 
 // Longest unquoted item value; longer runs are cut.
 constexpr size_t kMaxRunLength = 31;
+
+// A port counts as attached when a "1" is among this many bytes after its port token's space.
+constexpr size_t kAttachedFlagWindow = 5;
 
 // Number of per-port occurrences a discovery answer may carry; later ones are ignored.
 constexpr int kPortSlots = 4;
@@ -405,7 +409,7 @@ UInt32 KivHBN3Disassembler::ReadHCPAnswer(UInt32 iType, KivNetRecord &rec) {
       FailHCP();
     }
     const std::string token = text.substr(start, space - start);
-    const size_t flagEnd = space + 1 + 5 < text.size() ? space + 1 + 5 : text.size();
+    const size_t flagEnd = std::min(space + 1 + kAttachedFlagWindow, text.size());
     if (text.find('1', space + 1) < flagEnd) {
       slots[k].iPortInfo = PortNumber(token);
       slots[k].strCPDAttached = token + " 1";
