@@ -234,10 +234,8 @@ HBNResponseInfo KivHBN3Disassembler::ParseRequestScan() {
   info.iPortInfo = kiv::ReadBE32(mDataStream + kOffPortInfo);
   info.iChannelID = kiv::ReadBE32(mDataStream + kOffChannel);
   info.iTimeStamp = kiv::ReadBE32(mDataStream + kOffTimeStamp);
-  // The report is the one field not in network order: writer and reader copy the 64-bit value as
-  // it lies in memory.
-  static_assert(sizeof(info.iReport) == kReportLength, "the report is 8 bytes");
-  std::memcpy(&info.iReport, mDataStream + kOffPayload, kReportLength);
+  // The report is the one field not in network order: least significant byte first.
+  info.iReport = kiv::ReadLE64(mDataStream + kOffPayload);
   return info;
 }
 
