@@ -42,11 +42,17 @@ run_ctest() {
   return 0
 }
 
+# configure_and_build DIR [--target T] [cmake options...]
 configure_and_build() {
   local dir=$1
   shift
+  local target=()
+  if [ "${1:-}" = "--target" ]; then
+    target=(--target "$2")
+    shift 2
+  fi
   cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
-  cmake --build "$dir" -j "$jobs"
+  cmake --build "$dir" -j "$jobs" "${target[@]}"
 }
 
 for stage in $stages; do
@@ -61,7 +67,8 @@ for stage in $stages; do
     run_ctest build/asan
     ;;
   tsan)
-    configure_and_build build/tsan -DCMAKE_BUILD_TYPE=Debug -DKIV_SANITIZE=thread
+    configure_and_build build/tsan --target threaded-tests -DCMAKE_BUILD_TYPE=Debug \
+      -DKIV_SANITIZE=thread -DKIV_BUILD_TOOLS=OFF
     run_ctest build/tsan -L threaded
     ;;
   fuzz)

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Common/Constants/KivCommunicationConstants.h"
+#include "CommonFiles/KivWireBytes.h"
 #include "HBN3/KivHBN3Header.h"
 #include "HBN3/KivHBN3PayLoad.h"
 #include "HCP/KivHCPConfigHeader.h"
@@ -30,15 +31,6 @@ KivNetBuffer StoreHBN3(KivHBN3Header &header) {
   Bytes message(static_cast<size_t>(KivHBN3Header::kHeaderLength + header.GetPayloadSize()));
   header.GetDataStream(message.data(), static_cast<int>(message.size()));
   return Store(message);
-}
-
-// The report is the one field of an HBN3 message that is not big-endian: it travels least
-// significant byte first, as the 64-bit value lies in a little-endian host's memory. Written byte
-// by byte so every host sends the same bytes; the parser reads them back in the same order.
-void WriteReport(unsigned char *out, UInt64 report) {
-  for (int i = 0; i < kReportLength; ++i) {
-    out[i] = static_cast<unsigned char>(report >> (8 * i));
-  }
 }
 
 } // namespace
@@ -82,7 +74,7 @@ KivNetBuffer KivHBN3Assembler::CreateRequestScan(bool /*bPwdFlag*/, UInt32 iPort
   header.SetDataLength(kReportLength);
   Bytes message(kRequestScanLength);
   header.GetDataHeader(message.data(), KivHBN3Header::kHeaderLength);
-  WriteReport(message.data() + KivHBN3Header::kHeaderLength, iHIDRep);
+  kiv::WriteLE64(message.data() + KivHBN3Header::kHeaderLength, iHIDRep);
   return Store(message);
 }
 

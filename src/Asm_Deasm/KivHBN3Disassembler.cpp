@@ -1,6 +1,7 @@
 // The parser of HBN3 answers, device scan requests and HCP answers.
 #include "Asm_Deasm/KivHBN3Disassembler.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -30,6 +31,9 @@ constexpr int kOffHCPResult = 26;
 
 // Longest unquoted item value; longer runs are cut.
 constexpr size_t kMaxRunLength = 31;
+
+// A port counts as attached when a "1" is among this many bytes after its port token's space.
+constexpr size_t kAttachedFlagWindow = 5;
 
 // Number of per-port occurrences a discovery answer may carry; later ones are ignored.
 constexpr int kPortSlots = 4;
@@ -230,10 +234,8 @@ HBNResponseInfo KivHBN3Disassembler::ParseRequestScan() {
   info.iPortInfo = kiv::ReadBE32(mDataStream + kOffPortInfo);
   info.iChannelID = kiv::ReadBE32(mDataStream + kOffChannel);
   info.iTimeStamp = kiv::ReadBE32(mDataStream + kOffTimeStamp);
-  // The report is the one field not in network order: writer and reader copy the 64-bit value as
-  // it lies in memory.
-  static_assert(sizeof(info.iReport) == kReportLength, "the report is 8 bytes");
-  std::memcpy(&info.iReport, mDataStream + kOffPayload, kReportLength);
+  // The report is the one field not in network order: least significant byte first.
+  info.iReport = kiv::ReadLE64(mDataStream + kOffPayload);
   return info;
 }
 
@@ -405,7 +407,7 @@ UInt32 KivHBN3Disassembler::ReadHCPAnswer(UInt32 iType, KivNetRecord &rec) {
       FailHCP();
     }
     const std::string token = text.substr(start, space - start);
-    const size_t flagEnd = space + 1 + 5 < text.size() ? space + 1 + 5 : text.size();
+    const size_t flagEnd = std::min(space + 1 + kAttachedFlagWindow, text.size());
     if (text.find('1', space + 1) < flagEnd) {
       slots[k].iPortInfo = PortNumber(token);
       slots[k].strCPDAttached = token + " 1";

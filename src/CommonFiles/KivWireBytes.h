@@ -37,6 +37,23 @@ inline void WriteBE32(unsigned char *p, UInt32 v) {
   p[3] = static_cast<unsigned char>(v);
 }
 
+// The 8-byte report of an HBN3 scan request is the one field that is not big-endian: it travels
+// least significant byte first. Written and read byte by byte, so every host agrees.
+inline void WriteLE64(unsigned char *p, UInt64 v) {
+  for (int i = 0; i < 8; ++i) {
+    p[i] = static_cast<unsigned char>(v >> (8 * i));
+  }
+}
+
+// Reads a little-endian 64-bit field; the caller has checked that offset + 8 <= length.
+inline UInt64 ReadLE64(const unsigned char *p) {
+  UInt64 v = 0;
+  for (int i = 7; i >= 0; --i) {
+    v = (v << 8) | p[i];
+  }
+  return v;
+}
+
 // Reads a big-endian 32-bit field at `offset` of a block of `length` bytes, or `fallback` when
 // the field does not lie inside the block.
 inline UInt32 ReadBE32At(const unsigned char *data, int length, int offset, UInt32 fallback = 0) {
