@@ -68,7 +68,7 @@ for stage in $stages; do
     ;;
   tsan)
     configure_and_build build/tsan --target threaded-tests -DCMAKE_BUILD_TYPE=Debug \
-      -DKIV_SANITIZE=thread -DKIV_BUILD_TOOLS=OFF
+      -DKIV_SANITIZE=thread
     run_ctest build/tsan -L threaded
     ;;
   fuzz)
