@@ -192,47 +192,47 @@ void KivHBN3Disassembler::SetMessage(KivNetBuffer *msgObject) {
 
 // ---- HBN3 answers ----
 
-HBNResponseInfo KivHBN3Disassembler::ParsePingResponse() {
-  if (!kiv::Fits(0, kOffCommand + 4, mLength)) {
-    throw KivWrapperException(kClassHBN3Disassembler, kFnParsePingResponse, COPY_ERROR);
+namespace {
+
+// The port information and channel every HBN3 answer carries, once the message is known to hold
+// the `needed` bytes its parser reads; a shorter message fails with COPY_ERROR of `function`.
+HBNResponseInfo HeaderFields(const unsigned char *message, int length, int needed,
+                             UInt32 function) {
+  if (!kiv::Fits(0, needed, length)) {
+    throw KivWrapperException(kClassHBN3Disassembler, function, COPY_ERROR);
   }
   HBNResponseInfo info;
-  info.iPortInfo = kiv::ReadBE32(mDataStream + kOffPortInfo);
-  info.iChannelID = kiv::ReadBE32(mDataStream + kOffChannel);
+  info.iPortInfo = kiv::ReadBE32(message + kOffPortInfo);
+  info.iChannelID = kiv::ReadBE32(message + kOffChannel);
+  return info;
+}
+
+} // namespace
+
+HBNResponseInfo KivHBN3Disassembler::ParsePingResponse() {
+  HBNResponseInfo info = HeaderFields(mDataStream, mLength, kOffCommand + 4, kFnParsePingResponse);
   info.iStatus = kiv::ReadBE32(mDataStream + kOffCommand) == kCmdPingReply ? 1 : 0;
   return info;
 }
 
 HBNResponseInfo KivHBN3Disassembler::ParseRequestScanResponse() {
-  if (!kiv::Fits(0, kOffCommand + 4, mLength)) {
-    throw KivWrapperException(kClassHBN3Disassembler, kFnParseRequestScanResponse, COPY_ERROR);
-  }
-  HBNResponseInfo info;
-  info.iPortInfo = kiv::ReadBE32(mDataStream + kOffPortInfo);
-  info.iChannelID = kiv::ReadBE32(mDataStream + kOffChannel);
+  HBNResponseInfo info =
+      HeaderFields(mDataStream, mLength, kOffCommand + 4, kFnParseRequestScanResponse);
   info.iStatus = kiv::ReadBE32(mDataStream + kOffCommand) == kCmdRequestScanReply ? 1 : 0;
   return info;
 }
 
 HBNResponseInfo KivHBN3Disassembler::ParseHostListEntryResponse() {
-  if (!kiv::Fits(0, kOffPayload + 4, mLength)) {
-    throw KivWrapperException(kClassHBN3Disassembler, kFnParseHostListEntryResponse, COPY_ERROR);
-  }
-  HBNResponseInfo info;
-  info.iPortInfo = kiv::ReadBE32(mDataStream + kOffPortInfo);
-  info.iChannelID = kiv::ReadBE32(mDataStream + kOffChannel);
+  HBNResponseInfo info =
+      HeaderFields(mDataStream, mLength, kOffPayload + 4, kFnParseHostListEntryResponse);
   // The device's outcome code, passed on without interpretation.
   info.iStatus = kiv::ReadBE32(mDataStream + kOffPayload);
   return info;
 }
 
 HBNResponseInfo KivHBN3Disassembler::ParseRequestScan() {
-  if (!kiv::Fits(0, kOffPayload + kReportLength, mLength)) {
-    throw KivWrapperException(kClassHBN3Disassembler, kFnParseRequestScan, COPY_ERROR);
-  }
-  HBNResponseInfo info;
-  info.iPortInfo = kiv::ReadBE32(mDataStream + kOffPortInfo);
-  info.iChannelID = kiv::ReadBE32(mDataStream + kOffChannel);
+  HBNResponseInfo info =
+      HeaderFields(mDataStream, mLength, kOffPayload + kReportLength, kFnParseRequestScan);
   info.iTimeStamp = kiv::ReadBE32(mDataStream + kOffTimeStamp);
   // The report is the one field not in network order: least significant byte first.
   info.iReport = kiv::ReadLE64(mDataStream + kOffPayload);

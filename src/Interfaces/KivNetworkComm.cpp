@@ -150,13 +150,25 @@ template <class Record> UInt32 Commit(Record &record, Record &updated) {
   return 0;
 }
 
+// Runs the parser's `operation` and copies its result into the caller's `record` with `copy`,
+// which writes exactly the fields that function fills.
+template <class Record, class Parsed, class Copy>
+UInt32 ParseInto(FunctionNumber function, UInt32 iHeaderType, HANDLE ptrMsg,
+                 Parsed (KivDisassembler::*operation)(), Record &record, Copy copy) {
+  return ParseFrom(function, iHeaderType, ptrMsg, [&](std::unique_ptr<KivDisassembler> parser) {
+    const Parsed parsed = ((*parser).*operation)();
+    parser.reset();
+    Record updated = record;
+    copy(parsed, updated);
+    return Commit(record, updated);
+  });
+}
+
 // The three fields every HBN3 answer parser fills.
-UInt32 CopyResponse(const HBNResponseInfo &parsed, HBNResponseInfo &responseInfo) {
-  HBNResponseInfo updated = responseInfo;
+void CopyResponse(const HBNResponseInfo &parsed, HBNResponseInfo &updated) {
   updated.iPortInfo = parsed.iPortInfo;
   updated.iChannelID = parsed.iChannelID;
   updated.iStatus = parsed.iStatus;
-  return Commit(responseInfo, updated);
 }
 
 } // namespace
@@ -196,63 +208,37 @@ UInt32 ParseHCPResponse(UInt32 iHeaderType, HANDLE ptrMsg, UInt32 iType, KivNetR
 }
 
 UInt32 ParsePingResponse(UInt32 iHeaderType, HANDLE ptrMsg, HBNResponseInfo &responseInfo) {
-  return ParseFrom(kFnParsePingResponse, iHeaderType, ptrMsg,
-                   [&](std::unique_ptr<KivDisassembler> parser) {
-                     const HBNResponseInfo parsed = parser->ParsePingResponse();
-                     parser.reset();
-                     return CopyResponse(parsed, responseInfo);
-                   });
+  return ParseInto(kFnParsePingResponse, iHeaderType, ptrMsg, &KivDisassembler::ParsePingResponse,
+                   responseInfo, CopyResponse);
 }
 
 UInt32 ParseRequestScanResponse(UInt32 iHeaderType, HANDLE ptrMsg, HBNResponseInfo &responseInfo) {
-  return ParseFrom(kFnParseRequestScanResponse, iHeaderType, ptrMsg,
-                   [&](std::unique_ptr<KivDisassembler> parser) {
-                     const HBNResponseInfo parsed = parser->ParseRequestScanResponse();
-                     parser.reset();
-                     return CopyResponse(parsed, responseInfo);
-                   });
+  return ParseInto(kFnParseRequestScanResponse, iHeaderType, ptrMsg,
+                   &KivDisassembler::ParseRequestScanResponse, responseInfo, CopyResponse);
 }
 
 UInt32 ParseHostListEntryResponse(UInt32 iHeaderType, HANDLE ptrMsg,
                                   HBNResponseInfo &responseInfo) {
-  return ParseFrom(kFnParseHostListEntryResponse, iHeaderType, ptrMsg,
-                   [&](std::unique_ptr<KivDisassembler> parser) {
-                     const HBNResponseInfo parsed = parser->ParseHostListEntryResponse();
-                     parser.reset();
-                     return CopyResponse(parsed, responseInfo);
-                   });
+  return ParseInto(kFnParseHostListEntryResponse, iHeaderType, ptrMsg,
+                   &KivDisassembler::ParseHostListEntryResponse, responseInfo, CopyResponse);
 }
 
 UInt32 ParseStatusCacheResponse(UInt32 iHeaderType, HANDLE ptrMsg,
                                 StatCacheResponse &statResponse) {
-  return ParseFrom(kFnParseStatusCacheResponse, iHeaderType, ptrMsg,
-                   [&](std::unique_ptr<KivDisassembler> parser) {
-                     StatCacheResponse parsed = parser->ParseStatusCacheResponse();
-                     parser.reset();
-                     StatCacheResponse updated = statResponse;
-                     updated.iPortInfo = parsed.iPortInfo;
-                     updated.iChannelID = parsed.iChannelID;
-                     updated.strAdapterUAA = parsed.strAdapterUAA;
-                     updated.iReserved = parsed.iReserved;
-                     updated.strAdapterIPAddr = parsed.strAdapterIPAddr;
-                     updated.strPrinterID = parsed.strPrinterID;
-                     updated.iPayloadLength = parsed.iPayloadLength;
-                     updated.strPayload = parsed.strPayload;
-                     return Commit(statResponse, updated);
-                   });
+  // Every field of the status record is the parser's.
+  return ParseInto(
+      kFnParseStatusCacheResponse, iHeaderType, ptrMsg, &KivDisassembler::ParseStatusCacheResponse,
+      statResponse,
+      [](const StatCacheResponse &parsed, StatCacheResponse &updated) { updated = parsed; });
 }
 
 UInt32 ParseRequestScan(UInt32 iHeaderType, HANDLE ptrMsg, HBNResponseInfo &responseInfo) {
-  return ParseFrom(kFnParseRequestScan, iHeaderType, ptrMsg,
-                   [&](std::unique_ptr<KivDisassembler> parser) {
-                     const HBNResponseInfo parsed = parser->ParseRequestScan();
-                     parser.reset();
-                     HBNResponseInfo updated = responseInfo;
+  return ParseInto(kFnParseRequestScan, iHeaderType, ptrMsg, &KivDisassembler::ParseRequestScan,
+                   responseInfo, [](const HBNResponseInfo &parsed, HBNResponseInfo &updated) {
                      updated.iPortInfo = parsed.iPortInfo;
                      updated.iChannelID = parsed.iChannelID;
                      updated.iReport = parsed.iReport;
                      updated.iTimeStamp = parsed.iTimeStamp;
-                     return Commit(responseInfo, updated);
                    });
 }
 
