@@ -189,6 +189,42 @@ Failure NoAnswer(const CommandLine &line) {
                   std::to_string(line.waitSeconds) + " s");
 }
 
+// Sends `request` to the target of `line` and waits for the first reply (in `reply`) whose sender
+// `accept` takes; `parse` reads it and returns the library's code, reported as `parser`'s when it
+// is not 0. Anything else arriving on the port (a late answer to someone else) is passed over.
+Failure RequestOne(Endpoint &endpoint, const CommandLine &line, const Message &request,
+                   const Message &reply, const std::function<bool(const std::string &)> &accept,
+                   const std::function<UInt32()> &parse, const char *parser, std::string &from,
+                   int &fromPort) {
+  Failure failure = endpoint.Send(line.target, line.port, request);
+  if (failure.failed()) {
+    return failure;
+  }
+  bool answered = false;
+  UInt32 code = 0;
+  failure = endpoint.Collect(DeadlineAfter(line.waitSeconds), reply,
+                             [&](const std::string &sender, int port, int) {
+                               if (!accept(sender)) {
+                                 return false;
+                               }
+                               code = parse();
+                               from = sender;
+                               fromPort = port;
+                               answered = true;
+                               return true;
+                             });
+  if (failure.failed()) {
+    return failure;
+  }
+  if (!answered) {
+    return NoAnswer(line);
+  }
+  if (code != 0) {
+    return Fail(parser, code, "unreadable answer from " + from);
+  }
+  return Failure();
+}
+
 } // namespace
 
 std::string Failure::Describe() const {
@@ -252,36 +288,16 @@ Failure Ping(const CommandLine &line, PingAnswer &answer) {
     return Fail("CreatePing", code, "cannot build the ping");
   }
   const Clock::time_point start = Clock::now();
-  failure = endpoint.Send(line.target, line.port, request);
-  if (failure.failed()) {
-    return failure;
-  }
   Message reply;
-  bool answered = false;
-  failure = endpoint.Collect(
-      DeadlineAfter(line.waitSeconds), reply, [&](const std::string &from, int port, int) {
-        // Anything else arriving on the port (a late answer to someone else) is passed over.
-        if (from != line.target || GetCommandType(reply.handle()) != kPingReply) {
-          return false;
-        }
-        code = ParsePingResponse(kHeaderHBN3, reply.handle(), answer.info);
-        answer.from = from;
-        answer.fromPort = port;
-        answer.milliseconds =
-            std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-        answered = true;
-        return true;
-      });
-  if (failure.failed()) {
-    return failure;
-  }
-  if (!answered) {
-    return NoAnswer(line);
-  }
-  if (code != 0) {
-    return Fail("ParsePingResponse", code, "unreadable reply from " + answer.from);
-  }
-  return Failure();
+  failure = RequestOne(
+      endpoint, line, request, reply,
+      [&](const std::string &from) {
+        return from == line.target && GetCommandType(reply.handle()) == kPingReply;
+      },
+      [&] { return ParsePingResponse(kHeaderHBN3, reply.handle(), answer.info); },
+      "ParsePingResponse", answer.from, answer.fromPort);
+  answer.milliseconds = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+  return failure;
 }
 
 Failure Status(const CommandLine &line, StatusAnswer &answer) {
@@ -296,36 +312,20 @@ Failure Status(const CommandLine &line, StatusAnswer &answer) {
   if (code != 0) {
     return Fail("CreateStatusCacheRequest", code, "cannot build the status request");
   }
-  failure = endpoint.Send(line.target, line.port, request);
-  if (failure.failed()) {
-    return failure;
-  }
   std::unique_ptr<StatCacheResponse> status(
       static_cast<StatCacheResponse *>(CreateStatCacheResponse()));
   Message reply;
-  bool answered = false;
-  failure = endpoint.Collect(
-      DeadlineAfter(line.waitSeconds), reply, [&](const std::string &from, int port, int) {
-        if (from != line.target || GetCommandType(reply.handle()) != kStatusCacheReply) {
-          return false;
-        }
-        code = ParseStatusCacheResponse(kHeaderHBN3, reply.handle(), *status);
-        answer.from = from;
-        answer.fromPort = port;
-        answered = true;
-        return true;
-      });
-  if (failure.failed()) {
-    return failure;
+  failure = RequestOne(
+      endpoint, line, request, reply,
+      [&](const std::string &from) {
+        return from == line.target && GetCommandType(reply.handle()) == kStatusCacheReply;
+      },
+      [&] { return ParseStatusCacheResponse(kHeaderHBN3, reply.handle(), *status); },
+      "ParseStatusCacheResponse", answer.from, answer.fromPort);
+  if (!failure.failed()) {
+    answer.status = *status;
   }
-  if (!answered) {
-    return NoAnswer(line);
-  }
-  if (code != 0) {
-    return Fail("ParseStatusCacheResponse", code, "unreadable answer from " + answer.from);
-  }
-  answer.status = *status;
-  return Failure();
+  return failure;
 }
 
 Failure SetIp(const CommandLine &line, ConfigAnswer &answer) {
@@ -344,35 +344,17 @@ Failure SetIp(const CommandLine &line, ConfigAnswer &answer) {
   if (code != 0) {
     return Fail("CreateIPConfig", code, "cannot build the configuration message");
   }
-  failure = endpoint.Send(line.target, line.port, request);
-  if (failure.failed()) {
-    return failure;
-  }
   std::unique_ptr<KivNetRecord> record(static_cast<KivNetRecord *>(CreateKivNetRecord()));
   Message reply;
-  bool answered = false;
-  failure = endpoint.Collect(
-      DeadlineAfter(line.waitSeconds), reply, [&](const std::string &from, int port, int) {
-        if (GetHeaderType(reply.handle()) != kHeaderHCP1) {
-          return false;
-        }
-        code = ParseHCPResponse(kHeaderHCP1, reply.handle(), kConfigurationAnswer, *record);
-        answer.from = from;
-        answer.fromPort = port;
-        answered = true;
-        return true;
-      });
-  if (failure.failed()) {
-    return failure;
+  failure = RequestOne(
+      endpoint, line, request, reply,
+      [&](const std::string &) { return GetHeaderType(reply.handle()) == kHeaderHCP1; },
+      [&] { return ParseHCPResponse(kHeaderHCP1, reply.handle(), kConfigurationAnswer, *record); },
+      "ParseHCPResponse", answer.from, answer.fromPort);
+  if (!failure.failed()) {
+    answer.record = *record;
   }
-  if (!answered) {
-    return NoAnswer(line);
-  }
-  if (code != 0) {
-    return Fail("ParseHCPResponse", code, "unreadable answer from " + answer.from);
-  }
-  answer.record = *record;
-  return Failure();
+  return failure;
 }
 
 HostInfo ReadHostInfo(const std::string &interfaceName, bool &missingInterface) {
