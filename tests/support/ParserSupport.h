@@ -11,6 +11,7 @@
 #include "CommonFiles/KivNetBuffer.h"
 #include "Exceptions/KivWrapperException.h"
 #include "support/TestSupport.h"
+#include "support/Thrown.h"
 
 namespace kivtest {
 
@@ -22,17 +23,6 @@ inline std::unique_ptr<KivHBN3Disassembler> Holding(const Bytes &bytes) {
   KivNetBufferStorageGuard guard(buffer);
   buffer.SetBuffer(bytes.empty() ? &kNothing : bytes.data(), static_cast<int>(bytes.size()));
   return std::unique_ptr<KivHBN3Disassembler>(new KivHBN3Disassembler(buffer));
-}
-
-// The code an operation throws as a KivWrapperException, or 0 when it throws nothing. Any other
-// exception escapes and fails the test.
-inline UInt32 CodeOf(const std::function<void()> &operation) {
-  try {
-    operation();
-  } catch (const KivWrapperException &e) {
-    return e.GetErrorCode();
-  }
-  return 0;
 }
 
 struct ParseOperation {
