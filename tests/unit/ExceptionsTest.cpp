@@ -1,122 +1,90 @@
-// Codes and names of the exception family.
+// Names and codes of the exception family where they are not what a reader would guess, and the
+// call frame that turns each family into the result of an exported function.
 #include <gtest/gtest.h>
+
+#include <functional>
+#include <new>
 
 #include "Common/Exceptions/KivExceptions.h"
 #include "Exceptions/KivSocketExceptions.h"
 #include "Exceptions/KivWrapperException.h"
-#include "support/TestSupport.h"
+#include "Interfaces/KivCallFrame.h"
+
+using namespace kiv::frame;
 
 namespace {
 
-struct WrapperCase {
-  UInt32 errorClass;
-  UInt32 errorFunc;
-  KivWrapperError error;
-  UInt32 code;
-  const char *name;
-};
-
-TEST(WrapperException, CodesAndNames) {
-  const WrapperCase cases[] = {
-      {0x80000, 0x500, BUFFER_NULL, 0x805A1, "Buffer passed is null"},
-      {0x80000, 0x400, BUFFER_SIZE_ERROR, 0x804A2, "Unknown Error"},
-      {0x10000, 0x500, BUFFER_SIZE_ERROR, 0x105A2, "Unknown Error"},
-      {0x70000, 0x700, COPY_ERROR, 0x707A3, "Unknown Error"},
-      {0x70000, 0x700, PARSE_ERROR, 0x707A4, "Unknown Error"},
-      {0x10000, 0x100, MESSAGE_OBJ_NULL, 0x101A5, "KivNetMessage Container is null"},
-      {0x10000, 0x100, INVALID_HDR_TYPE, 0x101A6, "Invalid Header Type"},
-      {0x10000, 0x100, INVALID_RESPONSE, 0x101A7, "Unknown Error"},
-      {0x10000, 0x100, BUFFER_ERROR, 0x101A8, "Invalid Buffer Size"},
-      {0x10000, 0x100, static_cast<KivWrapperError>(9), 0x101A9, "Unknown Error"},
-  };
-  for (const WrapperCase &c : cases) {
-    const KivWrapperException e(c.errorClass, c.errorFunc, c.error);
-    EXPECT_EQ(e.GetErrorCode(), c.code) << c.name;
-    EXPECT_EQ(e.GetExceptionName(), c.name);
-    EXPECT_EQ(e.GetError(), "");
+TEST(Exceptions, WrapperNamesByValue) {
+  std::string names;
+  for (int value = 1; value <= 9; ++value) {
+    names += KivWrapperException(0x80000, 0x500, static_cast<KivWrapperError>(value))
+                 .GetExceptionName() +
+             "|";
   }
+  // Value 2 is "Unknown Error"; "Invalid Buffer Size" belongs to value 8.
+  EXPECT_EQ(names, "Buffer passed is null|Unknown Error|Unknown Error|Unknown Error|"
+                   "KivNetMessage Container is null|Invalid Header Type|Unknown Error|"
+                   "Invalid Buffer Size|Unknown Error|");
 }
 
-TEST(WrapperException, CopyKeepsCodeAndNameAndSetErrorReplaces) {
-  KivWrapperException original(0x30000, 0x100, BUFFER_SIZE_ERROR);
-  const KivWrapperException copy(original);
-  EXPECT_EQ(copy.GetErrorCode(), 0x301A2u);
-  EXPECT_EQ(copy.GetExceptionName(), original.GetExceptionName());
-  original.SetError(BUFFER_NULL);
-  EXPECT_EQ(original.GetErrorCode(), 0x301A1u);
-  EXPECT_EQ(copy.GetErrorCode(), 0x301A2u);
-}
-
-struct SocketCase {
-  int branch; // 0 base, 1 UDP, 2 TCP
-  KivSocketError error;
-  UInt32 code;
-  const char *name;
-};
-
-TEST(SocketException, CodesAndNamesPerClass) {
-  const SocketCase cases[] = {
-      {0, REUSE_PORT_ERROR, 0xB1, "KivSocketException.ReusePort"},
-      {0, BROADCAST_NOT_PERMITTED_ERROR, 0xB2, "KivSocketException.BroadcastNotPermitted"},
-      {0, NODELAY_NOT_PERMITTED_ERROR, 0xB3, "KivSocketException.NoDelayNotPermitted"},
-      {0, UNKNOWN_ERROR, 0xB4, "KivSocketException.Unknown"},
-      {0, GETSOCKOPT_FAILED, 0xC2, "KivSocketException.GetSockOpt"},
-      {0, BIND_UDP_ERROR, 0xB5, "KivSocketException.Unknown"},
-      {1, BIND_UDP_ERROR, 0xB5, "KivUDPSocketException.Bind"},
-      {1, RECVFROM_ERROR, 0xB6, "KivUDPSocketException.RecvFrom"},
-      {1, SENDTO_ERROR, 0xB7, "KivUDPSocketException.SendTo"},
-      {1, UNKNOWN_UDP_ERROR, 0xB8, "KivUDPSocketException.Unknown"},
-      {1, CONNECT_ERROR, 0xB9, "KivUDPSocketException.Unknown"},
-      {2, CONNECT_ERROR, 0xB9, "KivTCPSocketException.Connect"},
-      {2, CLIENT_RECV_ERROR, 0xBA, "KivTCPSocketException.Recv-Client"},
-      {2, CLIENT_SEND_ERROR, 0xBB, "KivTCPSocketException.Send-Client"},
-      {2, UNKNOWN_TCP_ERROR, 0xBC, "KivTCPSocketException.Unknown"},
-      {2, BIND_TCP_ERROR, 0xBD, "KivTCPSocketException.Bind"},
-      {2, LISTEN_ERROR, 0xBE, "KivTCPSocketException.Listen"},
-      {2, ACCEPT_ERROR, 0xBF, "KivTCPSocketException.Accept"},
-      {2, SERVER_RECV_ERROR, 0xC0, "KivTCPSocketException.Recv-Server"},
-      {2, SERVER_SEND_ERROR, 0xC1, "KivTCPSocketException.Send-Server"},
-      {2, SELECT_ERROR, 0xC3, "KivTCPSocketException.Unknown"},
+// Each class names only its own errors: the base with a UDP value and UDP with a TCP value are
+// "Unknown", and SELECT_ERROR has no name of its own.
+TEST(Exceptions, SocketNamesPerClass) {
+  const struct {
+    int branch; // 0 base, 1 UDP, 2 TCP
+    KivSocketError error;
+    const char *name;
+  } cases[] = {
+      {0, GETSOCKOPT_FAILED, "KivSocketException.GetSockOpt"},
+      {0, BIND_UDP_ERROR, "KivSocketException.Unknown"},
+      {1, RECVFROM_ERROR, "KivUDPSocketException.RecvFrom"},
+      {1, CONNECT_ERROR, "KivUDPSocketException.Unknown"},
+      {2, CLIENT_RECV_ERROR, "KivTCPSocketException.Recv-Client"},
+      {2, SERVER_SEND_ERROR, "KivTCPSocketException.Send-Server"},
+      {2, SELECT_ERROR, "KivTCPSocketException.Unknown"},
   };
-  for (const SocketCase &c : cases) {
+  for (const auto &c : cases) {
     const KivSocketException base(c.error);
     const KivUDPSocketException udp(c.error);
     const KivTCPSocketException tcp(c.error);
     const KivSocketException *byBranch[] = {&base, &udp, &tcp};
-    const KivSocketException &e = *byBranch[c.branch];
-    EXPECT_EQ(e.GetErrorCode(), c.code) << c.name;
-    EXPECT_EQ(e.GetExceptionName(), c.name);
+    EXPECT_EQ(byBranch[c.branch]->GetExceptionName(), c.name) << c.error;
   }
 }
 
-TEST(SocketException, DefaultIsUnknown) {
-  const KivSocketException e;
-  EXPECT_EQ(e.GetErrorCode(), 0xB4u);
-  EXPECT_EQ(e.GetExceptionName(), "KivSocketException.Unknown");
-}
+// ---- The call frame ----
 
-TEST(SocketException, BranchesAreCaughtAsTheBase) {
-  try {
-    throw KivUDPSocketException(SENDTO_ERROR);
-  } catch (const KivSocketException &e) {
-    EXPECT_EQ(e.GetErrorCode(), 0xB7u);
-    EXPECT_EQ(e.GetExceptionName(), "KivUDPSocketException.SendTo");
+TEST(CallFrame, EachFamilyIsTranslatedOnlyWhereItBelongs) {
+  const struct {
+    const char *name;
+    std::function<UInt32()> operation;
+    UInt32 wrapperFamily, socketFamily, catchAllOnly; // the result in a frame of each family
+  } cases[] = {
+      {"value", [] { return 42u; }, 42, 42, 42},
+      {"wrapper", []() -> UInt32 { throw KivWrapperException(0x80000, 0x500, BUFFER_NULL); },
+       0x0A0805A1, 0x0A091500, 0x0A091500},
+      {"UDP", []() -> UInt32 { throw KivUDPSocketException(BIND_UDP_ERROR); }, 0x0A091500,
+       0x0A0000B5, 0x0A091500},
+      {"TCP", []() -> UInt32 { throw KivTCPSocketException(SELECT_ERROR); }, 0x0A091500, 0x0A0000C3,
+       0x0A091500},
+      {"socket", []() -> UInt32 { throw KivSocketException(); }, 0x0A091500, 0x0A0000B4,
+       0x0A091500},
+      {"root", []() -> UInt32 { throw KivExceptions(); }, 0x0A091500, 0x0A091500, 0x0A091500},
+      {"bad_alloc", []() -> UInt32 { throw std::bad_alloc(); }, 0x0A091500, 0x0A091500, 0x0A091500},
+  };
+  for (const auto &c : cases) {
+    EXPECT_EQ(Guarded<KivWrapperException>(kFnRecvFrom, c.operation), c.wrapperFamily) << c.name;
+    EXPECT_EQ(Guarded<KivSocketException>(kFnRecvFrom, c.operation), c.socketFamily) << c.name;
+    EXPECT_EQ(Guarded<NoFamily>(kFnRecvFrom, c.operation), c.catchAllOnly) << c.name;
   }
 }
 
-TEST(Exceptions, RootDumpPrintsItsClass) {
-  const KivExceptions root;
-  EXPECT_EQ(root.GetExceptionName(), "KivException");
-  EXPECT_EQ(kivtest::CaptureStdout([&] { root.Dump(); }), "Exception in Class KivException\n");
-}
-
-TEST(Exceptions, DumpWritesTheNameToStandardError) {
-  testing::internal::CaptureStderr();
-  KivWrapperException(0x80000, 0x500, BUFFER_NULL).Dump();
-  KivTCPSocketException(CONNECT_ERROR).Dump();
-  const std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(err.rfind("Buffer passed is null: ", 0), 0u) << err;
-  EXPECT_NE(err.find("\nKivTCPSocketException.Connect: "), std::string::npos) << err;
+TEST(CallFrame, HandleCreationGivesNullOnlyForItsFamily) {
+  EXPECT_EQ(HandleOrNull<KivSocketException>(
+                []() -> int * { throw KivUDPSocketException(BIND_UDP_ERROR); }),
+            nullptr);
+  EXPECT_THROW(HandleOrNull<KivSocketException>([]() -> int * { throw std::bad_alloc(); }),
+               std::bad_alloc);
 }
 
 } // namespace

@@ -14,6 +14,7 @@
 #include "support/FakeHostPlatform.h"
 #include "support/MessageVectors.h"
 #include "support/TestSupport.h"
+#include "support/Thrown.h"
 
 using kivtest::Bytes;
 using kivtest::ConfigurationAnswer;
@@ -114,12 +115,7 @@ const char kConfigText[] = "IPADDRESS 10.0.0.5\nIPNETMASK 255.0.0.0\nIPGATEWAY 1
 // Parses `message` into `record`; the code thrown, or 0.
 UInt32 Parse(const Bytes &message, KivNetRecord &record, UInt32 kind = kHCPDiscoveryResponse) {
   auto parser = Holding(message);
-  try {
-    EXPECT_EQ(parser->ParseHCPResponse(kind, record), 0u);
-  } catch (const KivWrapperException &e) {
-    return e.GetErrorCode();
-  }
-  return 0;
+  return kivtest::CodeOf([&] { EXPECT_EQ(parser->ParseHCPResponse(kind, record), 0u); });
 }
 
 KivNetRecord Discover(const Items &items) {
