@@ -1,6 +1,6 @@
 // Readable text for the library's result codes. The tables repeat the numbers the library
-// documents for its functions, classes and errors; tests/tools/KivnetResultCodesTest.cpp holds
-// them against the library's own constants.
+// documents for its functions, classes and errors; tests/tools/KivnetResultCodesTest.cpp checks
+// each code family against the library's own constants.
 #include "tools/kivnet/ResultCodes.h"
 
 #include <cstdio>
