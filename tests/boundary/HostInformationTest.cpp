@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <functional>
 #include <string>
 
 #include "Interfaces/KivNetworkComm.h"
@@ -15,24 +16,30 @@
 namespace {
 
 // The machine's default route (the lowest metric) as the kernel lists it, read here on its own so
-// that a fault in the library's reading is not repeated by the test. Skips a machine without one.
+// that a fault in the library's reading is not repeated by the test: its interface name, or empty.
+std::string DefaultRoute(UInt32 &gatewayOut) {
+  std::ifstream table("/proc/net/route");
+  std::string line, found;
+  unsigned long best = ~0ul;
+  while (std::getline(table, line)) {
+    char name[64];
+    unsigned long destination, gateway, flags, refs, use, metric, mask;
+    if (std::sscanf(line.c_str(), "%63s %lx %lx %lx %lu %lu %lu %lx", name, &destination, &gateway,
+                    &flags, &refs, &use, &metric, &mask) == 8 &&
+        destination == 0 && mask == 0 && (flags & RTF_UP) && metric < best) {
+      best = metric;
+      found = name;
+      gatewayOut = static_cast<UInt32>(gateway);
+    }
+  }
+  return found;
+}
+
+// Skips a machine without a default route.
 class HostInformation : public testing::Test {
 protected:
   void SetUp() override {
-    std::ifstream table("/proc/net/route");
-    std::string line;
-    unsigned long best = ~0ul;
-    while (std::getline(table, line)) {
-      char name[64];
-      unsigned long destination, gateway, flags, refs, use, metric, mask;
-      if (std::sscanf(line.c_str(), "%63s %lx %lx %lx %lu %lu %lu %lx", name, &destination,
-                      &gateway, &flags, &refs, &use, &metric, &mask) == 8 &&
-          destination == 0 && mask == 0 && (flags & RTF_UP) && metric < best) {
-        best = metric;
-        routeInterface = name;
-        routeGateway = static_cast<UInt32>(gateway);
-      }
-    }
+    routeInterface = DefaultRoute(routeGateway);
     if (routeInterface.empty()) {
       GTEST_SKIP() << "this machine has no default route";
     }
@@ -73,6 +80,35 @@ TEST_F(HostInformation, BroadcastTextIsComparedCharacterForCharacter) {
   EXPECT_FALSE(IsBroadcastAddress(text));
   text = GetHostIPAddressString();
   EXPECT_FALSE(IsBroadcastAddress(text));
+}
+
+// Without a default route every host-information function lets the int -1 through, even those
+// that need no interface data. The namespace test runs this where there is no default route.
+TEST(HostWithoutDefaultRoute, EveryFunctionThrowsMinusOne) {
+  UInt32 gateway = 0;
+  if (!DefaultRoute(gateway).empty()) {
+    GTEST_SKIP() << "this machine has a default route";
+  }
+  std::string text = "10.1.2.3";
+  unsigned char bytes[6];
+  const std::function<void()> calls[] = {
+      [] { GetHostMACAddress("lo"); },
+      [] { GetHostIPAddress(); },
+      [] { GetHostBroadcastAddressString(); },
+      [] { GetHostname(); },
+      [&] { GetLongFromIP(text); },
+      [&] { IsBroadcastAddress(text); },
+      [&] { ConvertCharStrToHexVal("0004AC1F2B3C", bytes); },
+  };
+  for (const auto &call : calls) {
+    int thrown = 0;
+    try {
+      call();
+    } catch (int value) {
+      thrown = value;
+    }
+    EXPECT_EQ(thrown, -1);
+  }
 }
 
 } // namespace
