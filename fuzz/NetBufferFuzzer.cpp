@@ -1,5 +1,6 @@
 // Fuzzes the message container: a script of stores, appends, extractions and copies, with
 // lengths taken from the input, must never touch memory outside the container's block.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -16,10 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // Lengths from -8 to 247 exercise the refusal of negative counts.
     const int length = static_cast<int>(data[at + 1]) - 8;
     at += 2;
-    const size_t available = size - at;
-    const int sourceLength =
-        length < 0 ? length
-                   : static_cast<int>(length <= static_cast<int>(available) ? length : available);
+    const int available = static_cast<int>(std::min<size_t>(size - at, 4096));
+    const int sourceLength = length < 0 ? length : std::min(length, available);
     std::vector<unsigned char> room(length > 0 ? static_cast<size_t>(length) : 0);
     try {
       switch (operation) {
@@ -30,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         buffer.InsertIntoBuffer(data + at, sourceLength);
         break;
       case 2:
-        buffer.ExtractFromBuffer(room.data() != nullptr ? room.data() : nullptr, length);
+        buffer.ExtractFromBuffer(room.data(), length);
         break;
       case 3:
         buffer.GetBuffer(room.data(), length);

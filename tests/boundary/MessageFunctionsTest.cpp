@@ -1,7 +1,8 @@
 // The exported message functions through the shared library: byte-exact messages of the builders,
-// the result codes of every builder and parser, messages too short for their parser, and which
-// record fields each parser writes with which values. The functions that depend on the host's
-// network settings run with a scripted host in tests/unit/HCPMessageFunctionsTest.cpp.
+// the result codes of every builder and parser and of the buffer handle functions, messages too
+// short for their parser, and which record fields each parser writes with which values. The
+// functions that depend on the host's network settings run with a scripted host in
+// tests/unit/HCPTest.cpp and tests/unit/HBN3DisassemblerTest.cpp.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -33,58 +34,63 @@ typedef std::function<UInt32(UInt32 headerType, HANDLE container)> Call;
 
 // ---- Building ----
 
+std::string gNoPin, gPin = "1234";
+
+// Each builder by its function number NN, the message it makes, and what GetHeaderType and
+// GetCommandType then report.
+const struct Builder {
+  UInt32 nn;
+  const char *name;
+  Call build;
+  Bytes expected;
+  UInt32 headerType, command;
+} kBuilders[] = {
+    {0x05, "discovery query", [](UInt32 t, HANDLE h) { return CreateDiscovery(t, h); },
+     Hex("0000 0000 0001 0000 0000 0000 00 5F686F73742D636F6E666967 04 5F756470"
+         "05 6C6F63616C 00 0021 0001"),
+     // No HBN3 message: its bytes 0-3 and 16-19 are read all the same.
+     0, 0x73742D63},
+    {0x06, "ping", [](UInt32 t, HANDLE h) { return CreatePing(t, 7, h); },
+     Hex("48424E33 00000000 00000000 00000007 00000003 00000000"), kHBN3, 3},
+    {0x07, "status-cache request",
+     [](UInt32 t, HANDLE h) { return CreateStatusCacheRequest(t, 0x0A0B0C0D, 5, 0x01020304, h); },
+     Hex("48424E33 0A0B0C0D 00000005 01020304 00000001 00000000"), kHBN3, 1},
+    {0x08, "host-list entry with name and PIN",
+     [](UInt32 t, HANDLE h) {
+       return CreateHostListEntry(t, true, 1, 1, 2, gHostName, gPin, gUniqueID, 0x04E4, h);
+     },
+     Hex("48424E33 00000001 00000002 00000002 00000004 00000016"
+         "00000001 31323334 001122334455 04E4 0004 484F5354"),
+     kHBN3, 4},
+    {0x08, "host-list entry, no name, no PIN",
+     [](UInt32 t, HANDLE h) {
+       return CreateHostListEntry(t, false, 1, 1, 2, gNoName, gNoPin, gUniqueID, 0x04E4, h);
+     },
+     Hex("48424E33 00000001 00000002 00000002 00000004 00000012"
+         "00000001 30303030 001122334455 04E4 0000"),
+     kHBN3, 4},
+    {0x09, "request scan",
+     [](UInt32 t, HANDLE h) { return CreateRequestScan(t, false, 1, 2, 0x0102030405060708, h); },
+     Hex("48424E33 00000001 00000002 00000002 00000005 00000008 0807060504030201"), kHBN3, 5},
+    {0x0A, "request-scan reply",
+     [](UInt32 t, HANDLE h) { return CreateRequestScanReply(t, false, 1, 2, h); },
+     Hex("48424E33 00000001 00000002 00000002 80000005 00000000"), kHBN3, 0x80000005},
+};
+
 TEST(MessageFunctions, EachBuilderMakesItsMessageForBothHeaderTypes) {
-  std::string noPin, pin = "1234";
-  const struct {
-    const char *name;
-    Call build;
-    Bytes expected;
-    UInt32 headerType, command; // what GetHeaderType and GetCommandType report
-  } cases[] = {
-      {"discovery query", [](UInt32 t, HANDLE h) { return CreateDiscovery(t, h); },
-       Hex("0000 0000 0001 0000 0000 0000 00 5F686F73742D636F6E666967 04 5F756470"
-           "05 6C6F63616C 00 0021 0001"),
-       // No HBN3 message: its bytes 0-3 and 16-19 are read all the same.
-       0, 0x73742D63},
-      {"ping", [](UInt32 t, HANDLE h) { return CreatePing(t, 7, h); },
-       Hex("48424E33 00000000 00000000 00000007 00000003 00000000"), kHBN3, 3},
-      {"status-cache request",
-       [](UInt32 t, HANDLE h) { return CreateStatusCacheRequest(t, 0x0A0B0C0D, 5, 0x01020304, h); },
-       Hex("48424E33 0A0B0C0D 00000005 01020304 00000001 00000000"), kHBN3, 1},
-      {"host-list entry, no name, no PIN",
-       [&](UInt32 t, HANDLE h) {
-         return CreateHostListEntry(t, false, 1, 1, 2, gNoName, noPin, gUniqueID, 0x04E4, h);
-       },
-       Hex("48424E33 00000001 00000002 00000002 00000004 00000012"
-           "00000001 30303030 001122334455 04E4 0000"),
-       kHBN3, 4},
-      {"host-list entry with name and PIN",
-       [&](UInt32 t, HANDLE h) {
-         return CreateHostListEntry(t, true, 1, 1, 2, gHostName, pin, gUniqueID, 0x04E4, h);
-       },
-       Hex("48424E33 00000001 00000002 00000002 00000004 00000016"
-           "00000001 31323334 001122334455 04E4 0004 484F5354"),
-       kHBN3, 4},
-      {"request scan",
-       [](UInt32 t, HANDLE h) { return CreateRequestScan(t, false, 1, 2, 0x0102030405060708, h); },
-       Hex("48424E33 00000001 00000002 00000002 00000005 00000008 0807060504030201"), kHBN3, 5},
-      {"request-scan reply",
-       [](UInt32 t, HANDLE h) { return CreateRequestScanReply(t, false, 1, 2, h); },
-       Hex("48424E33 00000001 00000002 00000002 80000005 00000000"), kHBN3, 0x80000005},
-  };
-  for (const auto &c : cases) {
+  for (const Builder &b : kBuilders) {
     for (UInt32 headerType : {kHBN3, kHCP1}) {
-      SCOPED_TRACE(testing::Message() << c.name << ", header type " << std::hex << headerType);
+      SCOPED_TRACE(testing::Message() << b.name << ", header type " << std::hex << headerType);
       ScopedContainer container;
-      ASSERT_EQ(c.build(headerType, container.handle()), 0u);
-      EXPECT_EQ(ToHex(container.bytes()), ToHex(c.expected));
-      EXPECT_EQ(GetHeaderType(container.handle()), c.headerType);
-      EXPECT_EQ(GetCommandType(container.handle()), c.command);
+      ASSERT_EQ(b.build(headerType, container.handle()), 0u);
+      EXPECT_EQ(ToHex(container.bytes()), ToHex(b.expected));
+      EXPECT_EQ(GetHeaderType(container.handle()), b.headerType);
+      EXPECT_EQ(GetCommandType(container.handle()), b.command);
     }
   }
 }
 
-TEST(MessageFunctions, ABuildReplacesTheMessageAndLeavesTheCallersStrings) {
+TEST(MessageFunctions, ALongNameAndPinAndABuildReplacingTheMessage) {
   // A length byte of 200 is 200 name bytes, not a negative count; only four PIN characters
   // travel.
   std::vector<char> name(201, 'a');
@@ -99,29 +105,19 @@ TEST(MessageFunctions, ABuildReplacesTheMessageAndLeavesTheCallersStrings) {
   ASSERT_EQ(bytes.size(), 24u + 18u + 200u);
   EXPECT_EQ(ToHex(Bytes(bytes.begin() + 28, bytes.begin() + 32)), "31 32 33 34");
   EXPECT_EQ(ToHex(Bytes(bytes.begin() + 40, bytes.begin() + 42)), "00 C8");
-  ASSERT_EQ(CreatePing(kHBN3, 7, container.handle()), 0u);
-  EXPECT_EQ(ToHex(container.bytes()),
-            ToHex(Hex("48424E33 00000000 00000000 00000007 00000003 00000000")));
+  ASSERT_EQ(kBuilders[1].build(kHBN3, container.handle()), 0u);
+  EXPECT_EQ(container.bytes(), kBuilders[1].expected);
 }
 
 // ---- Result codes ----
 
 // Every message function by its number NN; the parsers write into records of their own.
 std::map<UInt32, Call> EveryFunction() {
-  static std::string pin = "1234", mac = "0004000A1B2C", ip = "10.0.0.5", text;
+  static std::string mac = "0004000A1B2C", ip = "10.0.0.5", text;
   static HBNResponseInfo info;
   static StatCacheResponse status;
   static KivNetRecord record;
-  return {
-      {0x05, [](UInt32 t, HANDLE h) { return CreateDiscovery(t, h); }},
-      {0x06, [](UInt32 t, HANDLE h) { return CreatePing(t, 1, h); }},
-      {0x07, [](UInt32 t, HANDLE h) { return CreateStatusCacheRequest(t, 1, 2, 3, h); }},
-      {0x08,
-       [](UInt32 t, HANDLE h) {
-         return CreateHostListEntry(t, false, 1, 1, 2, gHostName, pin, gUniqueID, 0, h);
-       }},
-      {0x09, [](UInt32 t, HANDLE h) { return CreateRequestScan(t, false, 1, 2, 3, h); }},
-      {0x0A, [](UInt32 t, HANDLE h) { return CreateRequestScanReply(t, false, 1, 2, h); }},
+  std::map<UInt32, Call> all = {
       {0x0B,
        [](UInt32 t, HANDLE h) { return CreateIPConfig(t, mac, text, text, ip, text, ip, ip, h); }},
       {0x0C, [](UInt32 t, HANDLE h) { return ParseHCPResponse(t, h, 0x80000006, record); }},
@@ -131,11 +127,24 @@ std::map<UInt32, Call> EveryFunction() {
       {0x10, [](UInt32 t, HANDLE h) { return ParseStatusCacheResponse(t, h, status); }},
       {0x35, [](UInt32 t, HANDLE h) { return ParseRequestScan(t, h, info); }},
   };
+  for (const Builder &b : kBuilders) {
+    all.insert({b.nn, b.build});
+  }
+  return all;
 }
 
 TEST(MessageFunctions, BadHandlesAndUnknownHeaderTypes) {
   const Bytes before = kivtest::ScanRequest();
+  // A block of the container's size whose class identifier field says something else.
   alignas(KivNetBuffer) unsigned char foreign[sizeof(KivNetBuffer)] = {};
+  for (HANDLE handle : {static_cast<HANDLE>(nullptr), static_cast<HANDLE>(foreign)}) {
+    EXPECT_EQ(VerifyBufferHandle(handle), nullptr);
+    EXPECT_EQ(GetHeaderType(handle), 0x0A091101u);
+    EXPECT_EQ(GetCommandType(handle), 0x0A091201u);
+  }
+  ScopedContainer fresh; // never filled: header type and command 0
+  EXPECT_EQ(VerifyBufferHandle(fresh.handle()), fresh.handle());
+  EXPECT_EQ(GetHeaderType(fresh.handle()) | GetCommandType(fresh.handle()), 0u);
   for (const auto &function : EveryFunction()) {
     const UInt32 nn = function.first << 8;
     SCOPED_TRACE(testing::Message() << "NN " << std::hex << function.first);
@@ -151,32 +160,7 @@ TEST(MessageFunctions, BadHandlesAndUnknownHeaderTypes) {
   }
 }
 
-// Each parser refuses a message one byte shorter than the fields it reads with its own code, and
-// takes the message that holds them.
-TEST(MessageFunctions, MessagesTooShortForTheirParser) {
-  const struct {
-    UInt32 nn;
-    Bytes message;
-    size_t needed;
-    UInt32 code;
-  } cases[] = {
-      {0x0D, kivtest::PingReply(), 20, 0x0A070AA3},
-      {0x0E, kivtest::RequestScanReply(), 20, 0x0A070BA3},
-      {0x0F, kivtest::HostListAnswer(), 28, 0x0A0709A3},
-      {0x35, kivtest::ScanRequest(), 32, 0x0A070CA3},
-      {0x10, kivtest::StatusAnswer(), 40, 0x0A0708A3},
-  };
-  std::map<UInt32, Call> functions = EveryFunction();
-  for (const auto &c : cases) {
-    ScopedContainer container;
-    container.Fill(Bytes(c.message.begin(), c.message.begin() + static_cast<long>(c.needed - 1)));
-    EXPECT_EQ(functions[c.nn](kHBN3, container.handle()), c.code) << std::hex << c.nn;
-    container.Fill(Bytes(c.message.begin(), c.message.begin() + static_cast<long>(c.needed)));
-    EXPECT_EQ(functions[c.nn](kHBN3, container.handle()), 0u) << std::hex << c.nn;
-  }
-}
-
-// ---- Record fields ----
+// ---- Parsing ----
 
 // A record's fields in order: address, port, channel, status, report, time stamp.
 std::string Fields(const HBNResponseInfo &i) {
@@ -186,35 +170,49 @@ std::string Fields(const HBNResponseInfo &i) {
   return out.str();
 }
 
-// Each parser writes its own fields with the message's values and keeps the others.
-TEST(MessageFunctions, ParsersWriteTheirOwnFields) {
+// Each parser refuses a message one byte shorter than the fields it reads with its own code,
+// changing nothing; from the message that holds them it writes its own fields and keeps the others.
+TEST(MessageFunctions, ParsersNeedTheirFieldsAndWriteOnlyTheirOwn) {
   const struct {
     UInt32 (*parse)(UInt32, HANDLE, HBNResponseInfo &);
     Bytes message;
+    long needed;
+    UInt32 code;
     const char *fields;
   } cases[] = {
-      {ParsePingResponse, kivtest::PingReply(), "sender 1 0 1 e4 e5"},
-      {ParsePingResponse, kivtest::PingRequest(), "sender 1 0 0 e4 e5"}, // no reply bit
-      {ParseRequestScanResponse, kivtest::RequestScanReply(), "sender 4 2 1 e4 e5"},
-      {ParseRequestScanResponse, kivtest::PingReply(), "sender 1 0 0 e4 e5"},
-      {ParseHostListEntryResponse, kivtest::HostListAnswer(), "sender 3 2 2 e4 e5"},
+      {ParsePingResponse, kivtest::PingReply(), 20, 0x0A070AA3, "sender 1 0 1 e4 e5"},
+      {ParsePingResponse, Hex("48424E33 00000001 00000000 00000000 00000003"), 20, 0x0A070AA3,
+       "sender 1 0 0 e4 e5"}, // no reply bit
+      {ParseRequestScanResponse, kivtest::RequestScanReply(), 20, 0x0A070BA3, "sender 4 2 1 e4 e5"},
+      {ParseRequestScanResponse, kivtest::PingReply(), 20, 0x0A070BA3, "sender 1 0 0 e4 e5"},
+      {ParseHostListEntryResponse, kivtest::HostListAnswer(), 28, 0x0A0709A3, "sender 3 2 2 e4 e5"},
       // The report is least significant byte first.
-      {ParseRequestScan, kivtest::ScanRequest(), "sender 1 2 e3 102030405060708 100"},
+      {ParseRequestScan, kivtest::ScanRequest(), 32, 0x0A070CA3,
+       "sender 1 2 e3 102030405060708 100"},
   };
   for (const auto &c : cases) {
     ScopedContainer container;
-    container.Fill(c.message);
+    container.Fill(Bytes(c.message.begin(), c.message.begin() + c.needed - 1));
     HBNResponseInfo info{"sender", 0xE1, 0xE2, 0xE3, 0xE4, 0xE5};
+    EXPECT_EQ(c.parse(kHCP1, container.handle(), info), c.code) << c.fields;
+    EXPECT_EQ(Fields(info), "sender e1 e2 e3 e4 e5") << c.fields;
+    container.Fill(Bytes(c.message.begin(), c.message.begin() + c.needed));
     ASSERT_EQ(c.parse(kHCP1, container.handle(), info), 0u) << c.fields;
     EXPECT_EQ(Fields(info), c.fields);
   }
+}
 
-  // The status-cache parser replaces all eight fields.
+// The status-cache parser needs the 40 bytes up to the status length, and replaces all eight
+// fields.
+TEST(MessageFunctions, StatusCacheAnswer) {
   const Bytes answer = kivtest::StatusAnswer();
   ScopedContainer container;
-  container.Fill(answer);
   StatCacheResponse &r = *static_cast<StatCacheResponse *>(CreateStatCacheResponse());
   r = {0xE1, 0xE2, "old", 77, "old", "old", 78, "old"};
+  container.Fill(Bytes(answer.begin(), answer.begin() + 39));
+  EXPECT_EQ(ParseStatusCacheResponse(kHBN3, container.handle(), r), 0x0A0708A3u);
+  EXPECT_EQ(r.strPayload + r.strAdapterUAA, "oldold");
+  container.Fill(answer);
   ASSERT_EQ(ParseStatusCacheResponse(kHBN3, container.handle(), r), 0u);
   std::ostringstream fields;
   fields << r.iPortInfo << ' ' << r.iChannelID << ' ' << r.strAdapterUAA << ' ' << r.iReserved

@@ -13,9 +13,6 @@ namespace kivtest {
 // Ping reply: port information 1, channel 0, command 0x80000003.
 inline Bytes PingReply() { return Hex("48424E33 00000001 00000000 00000000 80000003 00000000"); }
 
-// A ping sent by a device (the command without the reply bit).
-inline Bytes PingRequest() { return Hex("48424E33 00000001 00000000 00000000 00000003 00000000"); }
-
 // Request-scan reply: port information 4, channel 2, time stamp 9.
 inline Bytes RequestScanReply() {
   return Hex("48424E33 00000004 00000002 00000009 80000005 00000000");

@@ -12,24 +12,18 @@
 namespace kivtest {
 
 Bytes Hex(const std::string &text) {
-  Bytes bytes;
-  int high = -1;
+  std::string digits;
   for (char c : text) {
-    if (std::isxdigit(static_cast<unsigned char>(c)) == 0) {
-      continue;
-    }
-    const int value = std::isdigit(static_cast<unsigned char>(c)) != 0
-                          ? c - '0'
-                          : std::tolower(static_cast<unsigned char>(c)) - 'a' + 10;
-    if (high < 0) {
-      high = value;
-    } else {
-      bytes.push_back(static_cast<unsigned char>((high << 4) | value));
-      high = -1;
+    if (std::isxdigit(static_cast<unsigned char>(c)) != 0) {
+      digits += c;
     }
   }
-  if (high >= 0) {
+  if (digits.size() % 2 != 0) {
     throw std::invalid_argument("odd number of hex digits: " + text);
+  }
+  Bytes bytes;
+  for (size_t i = 0; i < digits.size(); i += 2) {
+    bytes.push_back(static_cast<unsigned char>(std::stoul(digits.substr(i, 2), nullptr, 16)));
   }
   return bytes;
 }
@@ -48,10 +42,7 @@ std::string ToHex(const unsigned char *data, int length) {
   std::string text;
   char pair[4];
   for (int i = 0; i < length; ++i) {
-    std::snprintf(pair, sizeof pair, "%02X", data[i]);
-    if (!text.empty()) {
-      text += ' ';
-    }
+    std::snprintf(pair, sizeof pair, i == 0 ? "%02X" : " %02X", data[i]);
     text += pair;
   }
   return text;
@@ -70,15 +61,13 @@ std::string CaptureStdout(const std::function<void()> &action) {
 }
 
 int CountOpenDescriptors() {
-  int count = 0;
   DIR *dir = opendir("/proc/self/fd");
   if (dir == nullptr) {
     return -1;
   }
+  int count = 0;
   while (dirent *entry = readdir(dir)) {
-    if (entry->d_name[0] != '.') {
-      ++count;
-    }
+    count += entry->d_name[0] != '.' ? 1 : 0;
   }
   closedir(dir);
   return count - 1; // the directory's own descriptor

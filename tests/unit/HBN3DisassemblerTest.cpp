@@ -1,28 +1,23 @@
-// The parser of received messages: classification, status answers cut short, HCP discovery and
-// configuration answers with their item rules, and every prefix of every message through every
-// parse operation. The HBN3 answers' values are checked through the exported functions.
+// The parser of received messages: classification, HCP discovery and configuration answers with
+// their item rules, the exported ParseHCPResponse's record update, and every prefix of every
+// message through every parse operation. The HBN3 answers' values are checked through the
+// exported functions, the status payload's rules with the payload class.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <iterator>
 #include <memory>
 #include <string>
 
 #include "Asm_Deasm/KivHBN3Disassembler.h"
-#include "Exceptions/KivWrapperException.h"
-#include "HelperFiles/KivHostPlatform.h"
+#include "Interfaces/KivNetworkComm.h"
 #include "support/FakeHostPlatform.h"
 #include "support/MessageVectors.h"
-#include "support/TestSupport.h"
+#include "support/ScopedContainer.h"
 #include "support/Thrown.h"
 
-using kivtest::Bytes;
-using kivtest::ConfigurationAnswer;
-using kivtest::DiscoveryAnswer;
-using kivtest::Hex;
-using kivtest::Items;
-using kivtest::Join;
-using kivtest::Text;
+using namespace kivtest;
 
 namespace {
 
@@ -40,14 +35,14 @@ std::unique_ptr<KivHBN3Disassembler> Holding(const Bytes &bytes) {
 // every test independent of the machine.
 class HBN3DisassemblerTest : public testing::Test {
 protected:
-  kivtest::FakeHostPlatform platform{"192.168.1.10", "255.255.255.0", "192.168.1.1"};
+  FakeHostPlatform platform{"192.168.1.10", "255.255.255.0", "192.168.1.1"};
   kiv::HostPlatformOverrideScope scope{platform};
 };
 
 // ---- HBN3 messages ----
 
 TEST_F(HBN3DisassemblerTest, ClassifiesByTagAndReadsTheCommandWhereTheTagSaysItIs) {
-  EXPECT_EQ(Holding(kivtest::PingReply())->GetCommandType(), 0x80000003u);
+  EXPECT_EQ(Holding(PingReply())->GetCommandType(), 0x80000003u);
   // An HCP1 message has its command at 24, after the addresses.
   auto hcp = Holding(Join({Text("HCP1"), Bytes(20, 0x11), Hex("00010203")}));
   EXPECT_EQ(hcp->GetHeaderType(), 0x48435031u);
@@ -56,58 +51,30 @@ TEST_F(HBN3DisassemblerTest, ClassifiesByTagAndReadsTheCommandWhereTheTagSaysItI
   EXPECT_EQ(cut->GetHeaderType() | cut->GetCommandType(), 0u);
 }
 
-TEST_F(HBN3DisassemblerTest, StatusCacheAnswersCutShortOrWithoutIdentifier) {
-  const Bytes fixed = Hex("48424E33 00000001 00000005 00000000 80000001 00000010"
-                          "0004000A1B2C 0000 C0A80114");
-  const struct {
-    const char *name;
-    Bytes message;
-    int held;
-    const char *printerID;
-  } cases[] = {
-      {"30 status bytes", kivtest::StatusAnswer(), 30, "12ab"},
-      {"declares 40, holds 30", Join({fixed, Hex("00000028"), Bytes(30, 0x41)}), 0, ""},
-      {"negative length", Join({fixed, Hex("80000000"), Bytes(30, 0x41)}), 0, ""},
-      {"27 status bytes", Join({fixed, Hex("0000001B"), Bytes(27, 0x41)}), 27, ""},
-      {"28 status bytes", Join({fixed, Hex("0000001C"), Bytes(26, 0), Hex("4F0A")}), 28, "4f0a"},
-      {"more bytes than declared", Join({fixed, Hex("00000002 01020304")}), 2, ""},
-  };
-  for (const auto &c : cases) {
-    const StatCacheResponse r = Holding(c.message)->ParseStatusCacheResponse();
-    EXPECT_EQ(r.iPayloadLength, c.held) << c.name;
-    EXPECT_EQ(r.strPayload.size(), static_cast<size_t>(c.held)) << c.name;
-    EXPECT_EQ(r.strPrinterID, c.printerID) << c.name;
-  }
-}
-
 // ---- HCP answers ----
 
 // The one code of every failed HCP parse: (0x70000, 0x700, COPY_ERROR).
 constexpr UInt32 kParseFailed = 0x707A3;
 constexpr UInt32 kConfigurationAnswer = 1;
-const Items kItems = kivtest::DeviceItems();
+const Items kItems = DeviceItems();
 
-// `items` with every item of `key` given `value`, or removed.
-Items With(const Items &items, const std::string &key, const std::string &value,
-           bool remove = false) {
+// `items` without the items of `key`, then `added`.
+Items Without(const Items &items, const std::string &key, const Items &added = {}) {
   Items out;
-  for (const std::string &item : items) {
-    if (item.compare(0, key.size() + 1, key + "=") != 0) {
-      out.push_back(item);
-    } else if (!remove) {
-      out.push_back(key + "=" + value);
-    }
-  }
+  std::copy_if(items.begin(), items.end(), std::back_inserter(out),
+               [&](const std::string &item) { return item.rfind(key + "=", 0) != 0; });
+  out.insert(out.end(), added.begin(), added.end());
   return out;
 }
 
-Items Without(const Items &items, const std::string &key) { return With(items, key, "", true); }
+// `kItems` with the item of `key` moved to the end with `value`.
+Items With(const std::string &key, const std::string &value) {
+  return Without(kItems, key, {key + "=" + value});
+}
 
 // `kItems` with the port items replaced by `ports`.
 Items WithPorts(const Items &ports) {
-  Items items = Without(Without(Without(kItems, "CPDATTACHED"), "STRID"), "PRINTERVIDPID");
-  items.insert(items.end(), ports.begin(), ports.end());
-  return items;
+  return Without(Without(Without(kItems, "CPDATTACHED"), "STRID"), "PRINTERVIDPID", ports);
 }
 
 const char kConfigText[] = "IPADDRESS 10.0.0.5\nIPNETMASK 255.0.0.0\nIPGATEWAY 10.0.0.1\n";
@@ -115,7 +82,7 @@ const char kConfigText[] = "IPADDRESS 10.0.0.5\nIPNETMASK 255.0.0.0\nIPGATEWAY 1
 // Parses `message` into `record`; the code thrown, or 0.
 UInt32 Parse(const Bytes &message, KivNetRecord &record, UInt32 kind = kHCPDiscoveryResponse) {
   auto parser = Holding(message);
-  return kivtest::CodeOf([&] { EXPECT_EQ(parser->ParseHCPResponse(kind, record), 0u); });
+  return CodeOf([&] { EXPECT_EQ(parser->ParseHCPResponse(kind, record), 0u); });
 }
 
 KivNetRecord Discover(const Items &items) {
@@ -127,7 +94,7 @@ KivNetRecord Discover(const Items &items) {
 TEST_F(HBN3DisassemblerTest, DiscoveryAnswerFillsTheRecordAndAppendsEntries) {
   KivNetRecord record = Discover(kItems);
   // The address stops at the next string's length byte.
-  EXPECT_EQ(kivtest::Describe(record),
+  EXPECT_EQ(Describe(record),
             "0|0|192.168.1.20|255.255.255.0|192.168.1.1|KIVMFC-4A1B2C|000000000000"
             // Bits of each byte reversed.
             "|ET000400128fbc|ETHERNET"
@@ -174,8 +141,7 @@ TEST_F(HBN3DisassemblerTest, ConfigurationAnswers) {
     record.strIPAddr = record.strIPNetMask = record.strIPGateway = "old";
     ASSERT_EQ(Parse(c.message, record, kConfigurationAnswer), c.code) << c.name;
     if (c.code == 0) {
-      EXPECT_EQ(kivtest::Describe(record),
-                std::to_string(c.result) + "|0|" + c.addresses + "|||||||||||")
+      EXPECT_EQ(Describe(record), std::to_string(c.result) + "|0|" + c.addresses + "|||||||||||")
           << c.name;
     }
   }
@@ -183,26 +149,22 @@ TEST_F(HBN3DisassemblerTest, ConfigurationAnswers) {
 
 TEST_F(HBN3DisassemblerTest, ItemValueRules) {
   // Quoted text keeps its uppercase letters; an unquoted run stops at the first one.
-  EXPECT_EQ(Discover(With(kItems, "ADAPTERTYPE", "Ethernet")).strAdapterType, "");
-  EXPECT_EQ(Discover(With(kItems, "ADAPTERTYPE", "\"Ethernet 10/100\"")).strAdapterType,
-            "Ethernet 10/100");
+  EXPECT_EQ(Discover(With("ADAPTERTYPE", "Ethernet")).strAdapterType, "");
+  EXPECT_EQ(Discover(With("ADAPTERTYPE", "\"Ethernet 10/100\"")).strAdapterType, "Ethernet 10/100");
   // Unquoted runs are cut at 31 bytes, in address mode too.
-  EXPECT_EQ(Discover(With(kItems, "IPADDRSOURCE", std::string(40, 'm'))).strIPAddrSrc,
+  EXPECT_EQ(Discover(With("IPADDRSOURCE", std::string(40, 'm'))).strIPAddrSrc,
             std::string(31, 'm'));
-  EXPECT_EQ(Discover(With(kItems, "IPADDRESS", std::string(35, '1'))).strIPAddr,
-            std::string(31, '1'));
+  EXPECT_EQ(Discover(With("IPADDRESS", std::string(35, '1'))).strIPAddr, std::string(31, '1'));
   // A quoted value without its closing quote fails the whole parse, in address mode too.
   for (const std::string key : {"OEMBYTE", "IPGATEWAY"}) {
-    Items unclosed = Without(kItems, key);
-    unclosed.push_back(key + "=\"0");
     KivNetRecord failed;
-    EXPECT_EQ(Parse(DiscoveryAnswer(unclosed), failed), kParseFailed) << key;
+    EXPECT_EQ(Parse(DiscoveryAnswer(With(key, "\"0")), failed), kParseFailed) << key;
   }
   // PASSWORDSET takes its first byte only, in either case; a quoted value is neither yes nor no.
   const std::pair<const char *, const char *> passwordSet[] = {
       {"true", "TRUE"}, {"t", "TRUE"}, {"f", "FALSE"}, {"\"TRUE\"", ""}, {"1", ""}};
   for (const auto &c : passwordSet) {
-    EXPECT_EQ(Discover(With(kItems, "PASSWORDSET", c.first)).strPwdSet, c.second) << c.first;
+    EXPECT_EQ(Discover(With("PASSWORDSET", c.first)).strPwdSet, c.second) << c.first;
   }
 }
 
@@ -212,7 +174,7 @@ TEST_F(HBN3DisassemblerTest, PortItemsArePairedByOrderUpToFourSlots) {
   KivNetRecord record = Discover(
       WithPorts({"CPDATTACHED=2 1", "CPDATTACHED=3 0", "STRID=3 \"first\"", "STRID=2 \"second\"",
                  "PRINTERVIDPID=9 \"0001:0002\"", "PRINTERVIDPID=2 \"0003:0004\""}));
-  EXPECT_EQ(kivtest::Entries(record), "|{1,first,,2 1,0001:0002,2}");
+  EXPECT_EQ(Entries(record), "|{1,first,,2 1,0001:0002,2}");
 
   // A fifth occurrence is ignored.
   Items ports;
@@ -221,9 +183,63 @@ TEST_F(HBN3DisassemblerTest, PortItemsArePairedByOrderUpToFourSlots) {
     ports.push_back("STRID=" + n + " \"product " + n + "\"");
     ports.push_back("PRINTERVIDPID=" + n + " \"vid:" + n + "\"");
   }
-  EXPECT_EQ(kivtest::Entries(Discover(WithPorts(ports))),
+  EXPECT_EQ(Entries(Discover(WithPorts(ports))),
             "|{1,product 0,,0 1,vid:0,0}|{1,product 1,,1 1,vid:1,1}"
             "|{1,product 2,,2 1,vid:2,2}|{1,product 3,,3 1,vid:3,3}");
+}
+
+// ---- The exported function ----
+
+// A record as a host may pass it: values everywhere and three old device entries.
+KivNetRecord FilledRecord() {
+  KivNetRecord r;
+  r.iResponse = 7;
+  r.iPortInfo = 9;
+  r.strIPAddr = r.strIPNetMask = r.strIPGateway = r.strIPName = r.strMacLaa = r.strMacUaa =
+      r.strAdapterType = r.strIPAddrSrc = r.strOEMByte = r.strPwdSet = r.strProdID =
+          r.strAdapterName = r.strCPDAttached = r.strPrintrVidPid = "old";
+  r.vecDeviceSpecific.resize(3);
+  return r;
+}
+
+// ParseHCPResponse replaces every field the parser fills (the device entries too) with the
+// parser's result, writes iResponse only for a configuration answer and never iPortInfo; a failed
+// parse leaves the record whole.
+TEST_F(HBN3DisassemblerTest, ExportedParseReplacesTheParsedFieldsOrNone) {
+  const Bytes discovery = DiscoveryAnswer(kItems);
+  const long strid =
+      static_cast<long>(std::string(discovery.begin(), discovery.end()).find("STRID"));
+  const FakeHostPlatform none;
+  const struct {
+    const char *name;
+    Bytes message;
+    UInt32 kind, code;
+    const kiv::KivHostPlatform &host;
+  } cases[] = {
+      {"discovery", discovery, kHCPDiscoveryResponse, 0, platform},
+      {"accepted", ConfigurationAnswer(0, kConfigText), kConfigurationAnswer, 0, platform},
+      {"refused", ConfigurationAnswer(5, ""), kConfigurationAnswer, 0, platform},
+      // Cut before the port items: the parser has read the addresses when it finds them missing.
+      {"cut", Bytes(discovery.begin(), discovery.begin() + strid), kHCPDiscoveryResponse,
+       0x0A0707A3, platform},
+      // No MAC conversion on a host without a default interface.
+      {"no default interface", discovery, kHCPDiscoveryResponse, 0x0A0707A3, none},
+  };
+  for (const auto &c : cases) {
+    kiv::HostPlatformOverrideScope host(c.host);
+    KivNetRecord expected = FilledRecord();
+    if (c.code == 0) {
+      expected = KivNetRecord();
+      ASSERT_EQ(Parse(c.message, expected, c.kind), 0u) << c.name;
+      expected.iPortInfo = 9;
+      expected.iResponse = c.kind == kHCPDiscoveryResponse ? 7 : expected.iResponse;
+    }
+    ScopedContainer container;
+    container.Fill(c.message);
+    KivNetRecord record = FilledRecord();
+    EXPECT_EQ(ParseHCPResponse(0x48424E33, container.handle(), c.kind, record), c.code) << c.name;
+    EXPECT_EQ(Describe(record), Describe(expected)) << c.name;
+  }
 }
 
 // ---- Every prefix ----
@@ -231,34 +247,29 @@ TEST_F(HBN3DisassemblerTest, PortItemsArePairedByOrderUpToFourSlots) {
 // Every prefix of every message, through every operation: a result or a KivWrapperException,
 // never a read outside the message (the sanitizer stage checks that).
 TEST_F(HBN3DisassemblerTest, EveryPrefixOfEveryMessageThroughEveryOperation) {
-  const std::function<void(KivHBN3Disassembler &)> operations[] = {
-      [](KivHBN3Disassembler &p) { p.ParsePingResponse(); },
-      [](KivHBN3Disassembler &p) { p.ParseRequestScanResponse(); },
-      [](KivHBN3Disassembler &p) { p.ParseHostListEntryResponse(); },
-      [](KivHBN3Disassembler &p) { p.ParseRequestScan(); },
-      [](KivHBN3Disassembler &p) { p.ParseStatusCacheResponse(); },
-      [](KivHBN3Disassembler &p) {
-        KivNetRecord record;
-        p.ParseHCPResponse(kHCPDiscoveryResponse, record);
-      },
-      [](KivHBN3Disassembler &p) {
-        KivNetRecord record;
-        p.ParseHCPResponse(kConfigurationAnswer, record);
-      },
+  const std::function<void(KivHBN3Disassembler &, KivNetRecord &)> operations[] = {
+      [](auto &p, auto &) { p.ParsePingResponse(); },
+      [](auto &p, auto &) { p.ParseRequestScanResponse(); },
+      [](auto &p, auto &) { p.ParseHostListEntryResponse(); },
+      [](auto &p, auto &) { p.ParseRequestScan(); },
+      [](auto &p, auto &) { p.ParseStatusCacheResponse(); },
+      [](auto &p, auto &r) { p.ParseHCPResponse(kHCPDiscoveryResponse, r); },
+      [](auto &p, auto &r) { p.ParseHCPResponse(kConfigurationAnswer, r); },
   };
-  const Bytes messages[] = {kivtest::PingReply(),
-                            kivtest::RequestScanReply(),
-                            kivtest::HostListAnswer(),
-                            kivtest::ScanRequest(),
-                            kivtest::StatusAnswer(),
+  const Bytes messages[] = {PingReply(),
+                            RequestScanReply(),
+                            HostListAnswer(),
+                            ScanRequest(),
+                            StatusAnswer(),
                             DiscoveryAnswer(kItems),
                             ConfigurationAnswer(0, kConfigText)};
   for (const Bytes &message : messages) {
     for (size_t length = 0; length <= message.size(); ++length) {
       for (size_t k = 0; k < std::size(operations); ++k) {
         auto parser = Holding(Bytes(message.begin(), message.begin() + static_cast<long>(length)));
+        KivNetRecord record;
         try {
-          operations[k](*parser);
+          operations[k](*parser, record);
         } catch (const KivWrapperException &) {
         } catch (...) {
           ADD_FAILURE() << "operation " << k << " threw something else at " << length << " bytes";

@@ -125,22 +125,25 @@ TEST(HBN3PayloadTest, HostListEntryVectors) {
 }
 
 TEST(HBN3PayloadTest, StatusIsHeldOnlyWhenTheDeclaredLengthArrivedAndCopiedUpToTheRoom) {
-  // 28 status bytes after the fixed part (adapter, reserved, address 192.168.1.20, length).
+  // 28 status bytes after the fixed part (adapter, reserved, address 192.168.1.20, length); the
+  // printer identifier is status bytes 26 and 27, there only when both are held.
   const Bytes status = Hex("000102030405060708090A0B0C0D0E0F 10111213141516171819 4F0A");
   const struct {
     const char *length;
-    bool set;
     int declared, held;
-  } cases[] = {{"0000001C", true, 28, 28},
-               {"0000001D", false, 29, 0},
-               {"FFFFFFFF", false, -1, 0},
-               {"00000004", true, 4, 4}};
+    const char *printerID;
+  } cases[] = {{"0000001C", 28, 28, "4f0a"},
+               {"0000001B", 27, 27, ""},
+               {"0000001D", 29, 0, ""},
+               {"FFFFFFFF", -1, 0, ""},
+               {"00000004", 4, 4, ""}};
   for (const auto &c : cases) {
     const Bytes answer = Join({Hex("0004000A1B2C 0000 C0A80114"), Hex(c.length), status});
     KivHBN3StatusCacheResponsePayload payload(answer.data(), Size(answer));
-    EXPECT_EQ(payload.IsPayloadSet(), c.set) << c.length;
+    EXPECT_EQ(payload.IsPayloadSet(), c.held > 0) << c.length;
     EXPECT_EQ(payload.GetPayloadLength(), c.declared) << c.length;
     EXPECT_EQ(payload.GetHeldStatusLength(), c.held) << c.length;
+    EXPECT_EQ(payload.GetPrinterID(), c.printerID) << c.length;
     // A room as large as any declared length receives only what is held; a smaller one stops it.
     Bytes room(64, 0xEE), expected(64, 0xEE), three(3, 0xEE);
     std::copy(status.begin(), status.begin() + c.held, expected.begin());

@@ -1,11 +1,14 @@
-// The HCP messages: what the configuration builder never asks for (other identifiers, removal,
-// the host snapshot), and every refusal of the configuration message, its text record and the
-// discovery query with its numbers (their usual bytes are checked with the builders).
+// The HCP messages: the configuration message byte for byte through the exported CreateIPConfig
+// (which puts the host's address in it, so it runs here with a scripted host), what that builder
+// never asks for (other identifiers, removal, the host snapshot), and every refusal of the
+// configuration message, its text record and the discovery query with its numbers.
 #include <gtest/gtest.h>
 
 #include "HCP/KivHCPConfigHeader.h"
 #include "HCP/KivHCPDiscoveryHeader.h"
+#include "Interfaces/KivNetworkComm.h"
 #include "support/FakeHostPlatform.h"
+#include "support/ScopedContainer.h"
 #include "support/TestSupport.h"
 #include "support/Thrown.h"
 
@@ -22,14 +25,77 @@ Bytes MessageOf(KivHCPConfigHeader &header) {
   return room;
 }
 
-class HCPConfigHeaderTest : public testing::Test {
+constexpr UInt32 kHBN3 = 0x48424E33;
+constexpr UInt32 kHCP1 = 0x48435031;
+
+class HCPTest : public testing::Test {
 protected:
-  // The host is 192.168.100.23 (C0 A8 64 17) for every header made here.
+  UInt32 BuildConfig(UInt32 headerType = kHBN3) {
+    return CreateIPConfig(headerType, destMac, srcMac, srcIP, destIP, password, mask, gateway,
+                          container.handle());
+  }
+
+  // The host is 192.168.100.23 (C0 A8 64 17) for every message made here.
   FakeHostPlatform host{"192.168.100.23", "255.255.255.0", "192.168.100.1"};
   kiv::HostPlatformOverrideScope scope{host};
+  ScopedContainer container;
+  std::string destMac = "0004000A1B2C", srcMac = "001122334455", srcIP = "10.0.0.99",
+              destIP = "10.0.0.5", password, mask = "255.255.255.0", gateway = "10.0.0.1";
 };
 
-TEST_F(HCPConfigHeaderTest, TextRecordIsThreeKeySpaceValueLinesWrittenWholeOrNotAtAll) {
+// ---- CreateIPConfig ----
+
+TEST_F(HCPTest, ConfigurationMessages) {
+  // Destination MAC, no source MAC, the host's address, the new address, the password, then
+  // "IPADDRESS 10.0.0.5\nIPNETMASK 255.255.255.0\nIPGATEWAY 10.0.0.1\n" (62 bytes).
+  const std::string head = "48435031 0001 0004000A1B2C 000000000000 C0A86417 0A000005 0001";
+  const Bytes record = Hex("49 50 41 44 44 52 45 53 53 20 31 30 2E 30 2E 30 2E 35 0A"
+                           "49 50 4E 45 54 4D 41 53 4B 20 32 35 35 2E 32 35 35 2E 32 35 35 2E 30 0A"
+                           "49 50 47 41 54 45 57 41 59 20 31 30 2E 30 2E 30 2E 31 0A");
+  for (const char *pw : {"", "abc"}) {
+    const Bytes expected = Join({Hex(head + (*pw ? "0003 616263" : "0000") + "0000003E"), record});
+    for (UInt32 headerType : {kHBN3, kHCP1}) {
+      password = pw;
+      srcIP = headerType == kHBN3 ? "10.0.0.99" : "192.168.1.1"; // the source is not sent
+      ASSERT_EQ(BuildConfig(headerType), 0u);
+      EXPECT_EQ(ToHex(container.bytes()), ToHex(expected));
+      EXPECT_EQ(GetHeaderType(container.handle()), kHCP1);
+      // Bytes 16-19, read as the command whatever the protocol.
+      EXPECT_EQ(GetCommandType(container.handle()), 0x0000C0A8u);
+    }
+  }
+  // The caller's seven strings are read, never changed.
+  EXPECT_EQ(destMac + srcMac + srcIP + destIP + password + mask + gateway,
+            "0004000A1B2C001122334455192.168.1.110.0.0.5abc255.255.255.010.0.0.1");
+}
+
+TEST_F(HCPTest, TextRecordAndPasswordLimitsOfTheBuilder) {
+  // 33 key bytes + 991 value bytes = 1024, the builder's room exactly; one more is refused.
+  destIP = std::string(991, '1');
+  mask.clear();
+  gateway.clear();
+  ASSERT_EQ(BuildConfig(), 0u);
+  ASSERT_EQ(container.bytes().size(), 34u + 1024u);
+  destIP.push_back('1');
+  EXPECT_EQ(BuildConfig(), 0x0A0507A3u);
+  EXPECT_EQ(container.bytes().size(), 34u + 1024u) << "the container keeps the first message";
+  // The password's length travels in 16 bits.
+  destIP = "10.0.0.5";
+  password.assign(65536, 'p');
+  EXPECT_EQ(BuildConfig(), 0x0A0409A3u);
+  password.pop_back();
+  ASSERT_EQ(BuildConfig(), 0u);
+  EXPECT_EQ(container.bytes().size(), 34u + 65535u + 33u + 8u);
+  // Without a default interface: kind 00, and the container keeps its message.
+  FakeHostPlatform none;
+  kiv::HostPlatformOverrideScope noHost(none);
+  EXPECT_EQ(BuildConfig(), 0x0A090B00u);
+  EXPECT_EQ(container.bytes().size(), 34u + 65535u + 33u + 8u);
+}
+
+// ---- The configuration message and its text record ----
+
+TEST_F(HCPTest, TextRecordIsThreeKeySpaceValueLinesWrittenWholeOrNotAtAll) {
   KivHCPConfigText text("1", nullptr, "3");
   text.SetIPNetMask("2");
   text.SetIPNetMask(nullptr); // keeps the value
@@ -48,7 +114,7 @@ TEST_F(HCPConfigHeaderTest, TextRecordIsThreeKeySpaceValueLinesWrittenWholeOrNot
                          "0A 49 50 47 41 54 45 57 41 59 20 33 0A");
 }
 
-TEST_F(HCPConfigHeaderTest, IdentifierNullDestinationAndRemovalByLengthZero) {
+TEST_F(HCPTest, IdentifierNullDestinationAndRemovalByLengthZero) {
   KivHCPConfigHeader header;
   header.SetDestUAA(U("0004000A1B2C"));
   header.SetDestIP(U("192.168.1.20"));
@@ -64,7 +130,7 @@ TEST_F(HCPConfigHeaderTest, IdentifierNullDestinationAndRemovalByLengthZero) {
                                                 "FFFFFFFF 0001 0000 00000000")));
 }
 
-TEST_F(HCPConfigHeaderTest, MessageRefusalsChangeNothing) {
+TEST_F(HCPTest, MessageRefusalsChangeNothing) {
   KivHCPConfigHeader header;
   header.SetEncryptedPassword(U("abc"), 3);
   const Bytes before = MessageOf(header); // 37 bytes
@@ -82,7 +148,7 @@ TEST_F(HCPConfigHeaderTest, MessageRefusalsChangeNothing) {
   EXPECT_EQ(MessageOf(header), before);
 }
 
-TEST_F(HCPConfigHeaderTest, InitTakesANewHostSnapshotOrChangesNothing) {
+TEST_F(HCPTest, InitTakesANewHostSnapshotOrChangesNothing) {
   KivHCPConfigHeader header;
   const auto addresses = [&] {
     const Bytes message = MessageOf(header);
