@@ -8,7 +8,6 @@
 
 #include "../tests/support/FakeHostPlatform.h"
 #include "CommonFiles/KivNetBuffer.h"
-#include "HelperFiles/KivHostPlatform.h"
 
 namespace kivfuzz {
 

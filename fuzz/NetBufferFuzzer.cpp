@@ -21,22 +21,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const int sourceLength = length < 0 ? length : std::min(length, available);
     std::vector<unsigned char> room(length > 0 ? static_cast<size_t>(length) : 0);
     try {
-      switch (operation) {
-      case 0:
+      if (operation == 0) {
         buffer.SetBuffer(data + at, sourceLength);
-        break;
-      case 1:
+      } else if (operation == 1) {
         buffer.InsertIntoBuffer(data + at, sourceLength);
-        break;
-      case 2:
+      } else if (operation == 2) {
         buffer.ExtractFromBuffer(room.data(), length);
-        break;
-      case 3:
+      } else if (operation == 3) {
         buffer.GetBuffer(room.data(), length);
-        break;
-      default:
+      } else {
         buffer.ResetBuffer();
-        break;
       }
     } catch (const KivWrapperException &) {
       // Refusals are expected; what matters is that nothing outside a buffer was touched.

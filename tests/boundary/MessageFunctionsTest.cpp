@@ -5,21 +5,14 @@
 // tests/unit/HCPTest.cpp and tests/unit/HBN3DisassemblerTest.cpp.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <map>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "Interfaces/KivNetworkComm.h"
 #include "support/MessageVectors.h"
 #include "support/ScopedContainer.h"
-#include "support/TestSupport.h"
 
-using kivtest::Bytes;
-using kivtest::Hex;
-using kivtest::ScopedContainer;
-using kivtest::ToHex;
+using namespace kivtest;
 
 namespace {
 
@@ -77,20 +70,7 @@ const struct Builder {
      Hex("48424E33 00000001 00000002 00000002 80000005 00000000"), kHBN3, 0x80000005},
 };
 
-TEST(MessageFunctions, EachBuilderMakesItsMessageForBothHeaderTypes) {
-  for (const Builder &b : kBuilders) {
-    for (UInt32 headerType : {kHBN3, kHCP1}) {
-      SCOPED_TRACE(testing::Message() << b.name << ", header type " << std::hex << headerType);
-      ScopedContainer container;
-      ASSERT_EQ(b.build(headerType, container.handle()), 0u);
-      EXPECT_EQ(ToHex(container.bytes()), ToHex(b.expected));
-      EXPECT_EQ(GetHeaderType(container.handle()), b.headerType);
-      EXPECT_EQ(GetCommandType(container.handle()), b.command);
-    }
-  }
-}
-
-TEST(MessageFunctions, ALongNameAndPinAndABuildReplacingTheMessage) {
+TEST(MessageFunctions, EachBuilderReplacesTheMessageWithItsOwnForBothHeaderTypes) {
   // A length byte of 200 is 200 name bytes, not a negative count; only four PIN characters
   // travel.
   std::vector<char> name(201, 'a');
@@ -103,23 +83,31 @@ TEST(MessageFunctions, ALongNameAndPinAndABuildReplacingTheMessage) {
   EXPECT_EQ(pin, "123456");
   const Bytes bytes = container.bytes();
   ASSERT_EQ(bytes.size(), 24u + 18u + 200u);
-  EXPECT_EQ(ToHex(Bytes(bytes.begin() + 28, bytes.begin() + 32)), "31 32 33 34");
-  EXPECT_EQ(ToHex(Bytes(bytes.begin() + 40, bytes.begin() + 42)), "00 C8");
-  ASSERT_EQ(kBuilders[1].build(kHBN3, container.handle()), 0u);
-  EXPECT_EQ(container.bytes(), kBuilders[1].expected);
+  EXPECT_EQ(ToHex(Bytes(bytes.begin() + 28, bytes.begin() + 42)),
+            "31 32 33 34 00 11 22 33 44 55 00 00 00 C8");
+  for (const Builder &b : kBuilders) {
+    for (UInt32 headerType : {kHBN3, kHCP1}) {
+      SCOPED_TRACE(testing::Message() << b.name << ", header type " << std::hex << headerType);
+      ASSERT_EQ(b.build(headerType, container.handle()), 0u);
+      EXPECT_EQ(ToHex(container.bytes()), ToHex(b.expected));
+      EXPECT_EQ(GetHeaderType(container.handle()), b.headerType);
+      EXPECT_EQ(GetCommandType(container.handle()), b.command);
+    }
+  }
 }
 
 // ---- Result codes ----
 
 // Every message function by its number NN; the parsers write into records of their own.
 std::map<UInt32, Call> EveryFunction() {
-  static std::string mac = "0004000A1B2C", ip = "10.0.0.5", text;
   static HBNResponseInfo info;
   static StatCacheResponse status;
   static KivNetRecord record;
   std::map<UInt32, Call> all = {
       {0x0B,
-       [](UInt32 t, HANDLE h) { return CreateIPConfig(t, mac, text, text, ip, text, ip, ip, h); }},
+       [](UInt32 t, HANDLE h) {
+         return CreateIPConfig(t, gPin, gPin, gPin, gPin, gPin, gPin, gPin, h);
+       }},
       {0x0C, [](UInt32 t, HANDLE h) { return ParseHCPResponse(t, h, 0x80000006, record); }},
       {0x0D, [](UInt32 t, HANDLE h) { return ParsePingResponse(t, h, info); }},
       {0x0E, [](UInt32 t, HANDLE h) { return ParseRequestScanResponse(t, h, info); }},
@@ -134,7 +122,7 @@ std::map<UInt32, Call> EveryFunction() {
 }
 
 TEST(MessageFunctions, BadHandlesAndUnknownHeaderTypes) {
-  const Bytes before = kivtest::ScanRequest();
+  const Bytes before = ScanRequest();
   // A block of the container's size whose class identifier field says something else.
   alignas(KivNetBuffer) unsigned char foreign[sizeof(KivNetBuffer)] = {};
   for (HANDLE handle : {static_cast<HANDLE>(nullptr), static_cast<HANDLE>(foreign)}) {
@@ -180,15 +168,14 @@ TEST(MessageFunctions, ParsersNeedTheirFieldsAndWriteOnlyTheirOwn) {
     UInt32 code;
     const char *fields;
   } cases[] = {
-      {ParsePingResponse, kivtest::PingReply(), 20, 0x0A070AA3, "sender 1 0 1 e4 e5"},
+      {ParsePingResponse, PingReply(), 20, 0x0A070AA3, "sender 1 0 1 e4 e5"},
       {ParsePingResponse, Hex("48424E33 00000001 00000000 00000000 00000003"), 20, 0x0A070AA3,
        "sender 1 0 0 e4 e5"}, // no reply bit
-      {ParseRequestScanResponse, kivtest::RequestScanReply(), 20, 0x0A070BA3, "sender 4 2 1 e4 e5"},
-      {ParseRequestScanResponse, kivtest::PingReply(), 20, 0x0A070BA3, "sender 1 0 0 e4 e5"},
-      {ParseHostListEntryResponse, kivtest::HostListAnswer(), 28, 0x0A0709A3, "sender 3 2 2 e4 e5"},
+      {ParseRequestScanResponse, RequestScanReply(), 20, 0x0A070BA3, "sender 4 2 1 e4 e5"},
+      {ParseRequestScanResponse, PingReply(), 20, 0x0A070BA3, "sender 1 0 0 e4 e5"},
+      {ParseHostListEntryResponse, HostListAnswer(), 28, 0x0A0709A3, "sender 3 2 2 e4 e5"},
       // The report is least significant byte first.
-      {ParseRequestScan, kivtest::ScanRequest(), 32, 0x0A070CA3,
-       "sender 1 2 e3 102030405060708 100"},
+      {ParseRequestScan, ScanRequest(), 32, 0x0A070CA3, "sender 1 2 e3 102030405060708 100"},
   };
   for (const auto &c : cases) {
     ScopedContainer container;
@@ -205,7 +192,7 @@ TEST(MessageFunctions, ParsersNeedTheirFieldsAndWriteOnlyTheirOwn) {
 // The status-cache parser needs the 40 bytes up to the status length, and replaces all eight
 // fields.
 TEST(MessageFunctions, StatusCacheAnswer) {
-  const Bytes answer = kivtest::StatusAnswer();
+  const Bytes answer = StatusAnswer();
   ScopedContainer container;
   StatCacheResponse &r = *static_cast<StatCacheResponse *>(CreateStatCacheResponse());
   r = {0xE1, 0xE2, "old", 77, "old", "old", 78, "old"};

@@ -4,29 +4,26 @@
 
 #include <arpa/inet.h>
 
-#include <string>
-#include <vector>
+#include <algorithm>
 
 #include "HelperFiles/KivHostPlatform.h"
 #include "HelperFiles/KivLinuxHostPlatform.h"
 
 namespace kivtest {
 
-// An IPv4 address from dotted text, network byte order (as the platform hands them out).
-inline UInt32 Inet(const char *text) { return inet_addr(text); }
-
 class FakeHostPlatform : public kiv::KivHostPlatform {
 public:
   // No default interface, no interfaces.
   FakeHostPlatform() = default;
 
-  // A default interface at `address`/`netmask` behind `gateway`; broadcast from the two.
+  // A default interface at `address`/`netmask` behind `gateway` (dotted text); broadcast from the
+  // two. The platform hands addresses out in network byte order.
   FakeHostPlatform(const char *address, const char *netmask, const char *gateway) {
     hasDefault = true;
-    info.fAddress = Inet(address);
-    info.fNetmask = Inet(netmask);
+    info.fAddress = inet_addr(address);
+    info.fNetmask = inet_addr(netmask);
     info.fBroadcastAddr = info.fAddress | ~info.fNetmask;
-    info.fDefaultGatewayAddr = Inet(gateway);
+    info.fDefaultGatewayAddr = inet_addr(gateway);
   }
 
   bool GetDefaultInterface(kiv::KivInterfaceInfo &out) const override {
@@ -48,12 +45,7 @@ public:
   void AddLink(const std::string &name, std::initializer_list<UInt8> hw) {
     kiv::KivLinkAddress link;
     link.name = name;
-    size_t i = 0;
-    for (UInt8 byte : hw) {
-      if (i < sizeof(link.hwAddress)) {
-        link.hwAddress[i++] = byte;
-      }
-    }
+    std::copy_n(hw.begin(), std::min(hw.size(), sizeof(link.hwAddress)), link.hwAddress);
     links.push_back(link);
   }
 

@@ -2,9 +2,6 @@
 #ifndef KIV_TESTS_SUPPORT_MESSAGEVECTORS_H
 #define KIV_TESTS_SUPPORT_MESSAGEVECTORS_H
 
-#include <string>
-#include <vector>
-
 #include "Common/Constants/KivCommunicationConstants.h"
 #include "support/TestSupport.h"
 
@@ -45,9 +42,10 @@ inline Bytes DiscoveryAnswer(const Items &items) {
     txt.push_back(static_cast<unsigned char>(item.size()));
     txt.insert(txt.end(), item.begin(), item.end());
   }
+  // _host-config._udp.local, TXT, class IN with the cache-flush bit, 4500 s.
   return Join(
-      {Hex("0000 8400 0000 0001 0000 0000 0C"), Text("_host-config"), Hex("04"), Text("_udp"),
-       Hex("05"), Text("local"), Hex("00 0010 8001 00001194"),
+      {Hex("0000 8400 0000 0001 0000 0000 0C 5F686F73742D636F6E666967 04 5F756470 05 6C6F63616C"
+           "00 0010 8001 00001194"),
        Bytes{static_cast<unsigned char>(txt.size() >> 8), static_cast<unsigned char>(txt.size())},
        txt});
 }

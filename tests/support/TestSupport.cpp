@@ -3,7 +3,9 @@
 
 #include <dirent.h>
 
+#include <algorithm>
 #include <cctype>
+#include <iterator>
 #include <cstdio>
 #include <stdexcept>
 
@@ -13,11 +15,8 @@ namespace kivtest {
 
 Bytes Hex(const std::string &text) {
   std::string digits;
-  for (char c : text) {
-    if (std::isxdigit(static_cast<unsigned char>(c)) != 0) {
-      digits += c;
-    }
-  }
+  std::copy_if(text.begin(), text.end(), std::back_inserter(digits),
+               [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; });
   if (digits.size() % 2 != 0) {
     throw std::invalid_argument("odd number of hex digits: " + text);
   }

@@ -1,14 +1,12 @@
 // The parser of received messages: classification, HCP discovery and configuration answers with
-// their item rules, the exported ParseHCPResponse's record update, and every prefix of every
-// message through every parse operation. The HBN3 answers' values are checked through the
-// exported functions, the status payload's rules with the payload class.
+// their item rules, each also through the exported ParseHCPResponse and its record update, and
+// every prefix of every message through every parse operation. The HBN3 answers' values are checked
+// through the exported functions, the status payload's rules with the payload class.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <iterator>
 #include <memory>
-#include <string>
 
 #include "Asm_Deasm/KivHBN3Disassembler.h"
 #include "Interfaces/KivNetworkComm.h"
@@ -79,10 +77,36 @@ Items WithPorts(const Items &ports) {
 
 const char kConfigText[] = "IPADDRESS 10.0.0.5\nIPNETMASK 255.0.0.0\nIPGATEWAY 10.0.0.1\n";
 
-// Parses `message` into `record`; the code thrown, or 0.
+// A record as a host may pass it: values everywhere and three old device entries.
+KivNetRecord FilledRecord() {
+  KivNetRecord r;
+  r.iResponse = 7;
+  r.iPortInfo = 9;
+  r.strIPAddr = r.strIPNetMask = r.strIPGateway = r.strIPName = r.strMacLaa = r.strMacUaa =
+      r.strAdapterType = r.strIPAddrSrc = r.strOEMByte = r.strPwdSet = r.strProdID =
+          r.strAdapterName = r.strCPDAttached = r.strPrintrVidPid = "old";
+  r.vecDeviceSpecific.resize(3);
+  return r;
+}
+
+// Parses `message` into `record`; the code thrown, or 0. The exported ParseHCPResponse must then
+// have replaced every field the parser fills (the device entries too) in a host's record, written
+// iResponse only for a configuration answer and never iPortInfo; after a failure, nothing.
 UInt32 Parse(const Bytes &message, KivNetRecord &record, UInt32 kind = kHCPDiscoveryResponse) {
-  auto parser = Holding(message);
-  return CodeOf([&] { EXPECT_EQ(parser->ParseHCPResponse(kind, record), 0u); });
+  const UInt32 code =
+      CodeOf([&] { EXPECT_EQ(Holding(message)->ParseHCPResponse(kind, record), 0u); });
+  KivNetRecord expected = FilledRecord(), exported = FilledRecord();
+  if (code == 0) {
+    Holding(message)->ParseHCPResponse(kind, expected = KivNetRecord());
+    expected.iPortInfo = 9;
+    expected.iResponse = kind == kHCPDiscoveryResponse ? 7 : expected.iResponse;
+  }
+  ScopedContainer container;
+  container.Fill(message);
+  EXPECT_EQ(ParseHCPResponse(0x48424E33, container.handle(), kind, exported),
+            code == 0 ? 0 : 0x0A0707A3u);
+  EXPECT_EQ(Describe(exported), Describe(expected));
+  return code;
 }
 
 KivNetRecord Discover(const Items &items) {
@@ -118,31 +142,33 @@ TEST_F(HBN3DisassemblerTest, EachRequiredKeyMissingFailsTheParse) {
   }
 }
 
+TEST_F(HBN3DisassemblerTest, WithoutADefaultInterfaceNoMacConversionAndNoRecord) {
+  const FakeHostPlatform none;
+  kiv::HostPlatformOverrideScope noHost(none);
+  KivNetRecord record;
+  EXPECT_EQ(Parse(DiscoveryAnswer(kItems), record), kParseFailed);
+}
+
 TEST_F(HBN3DisassemblerTest, ConfigurationAnswers) {
   const Bytes accepted = ConfigurationAnswer(0, kConfigText);
   const Bytes head(accepted.begin(), accepted.begin() + 26);
-  const struct {
-    const char *name;
-    Bytes message;
-    UInt32 code;
-    int result;
-    const char *addresses;
-  } cases[] = {
-      {"accepted", accepted, 0, 0, "10.0.0.5|255.0.0.0|10.0.0.1"},
+  // The record, or nullptr for a failed parse.
+  const std::pair<Bytes, const char *> cases[] = {
+      {accepted, "0|0|10.0.0.5|255.0.0.0|10.0.0.1"},
       // A refusal carries no addresses; none are read even when present.
-      {"refused", ConfigurationAnswer(5, kConfigText), 0, 5, "old|old|old"},
-      {"refused, 27 bytes", Join({head, Bytes{5}}), 0, 5, "old|old|old"},
-      {"26 bytes: no result byte", head, kParseFailed, 0, ""},
-      // Accepted, without the addresses.
-      {"accepted, 27 bytes", Join({head, Bytes{0}}), kParseFailed, 0, ""},
+      {ConfigurationAnswer(5, kConfigText), "5|0|old|old|old"},
+      {ConfigurationAnswer(5, ""), "5|0|old|old|old"},
+      {Join({head, Bytes{5}}), "5|0|old|old|old"},
+      {head, nullptr},                   // no result byte
+      {Join({head, Bytes{0}}), nullptr}, // accepted, without the addresses
   };
   for (const auto &c : cases) {
     KivNetRecord record;
     record.strIPAddr = record.strIPNetMask = record.strIPGateway = "old";
-    ASSERT_EQ(Parse(c.message, record, kConfigurationAnswer), c.code) << c.name;
-    if (c.code == 0) {
-      EXPECT_EQ(Describe(record), std::to_string(c.result) + "|0|" + c.addresses + "|||||||||||")
-          << c.name;
+    ASSERT_EQ(Parse(c.first, record, kConfigurationAnswer), c.second ? 0 : kParseFailed)
+        << ToHex(c.first);
+    if (c.second) {
+      EXPECT_EQ(Describe(record), c.second + std::string("|||||||||||")) << ToHex(c.first);
     }
   }
 }
@@ -188,60 +214,6 @@ TEST_F(HBN3DisassemblerTest, PortItemsArePairedByOrderUpToFourSlots) {
             "|{1,product 2,,2 1,vid:2,2}|{1,product 3,,3 1,vid:3,3}");
 }
 
-// ---- The exported function ----
-
-// A record as a host may pass it: values everywhere and three old device entries.
-KivNetRecord FilledRecord() {
-  KivNetRecord r;
-  r.iResponse = 7;
-  r.iPortInfo = 9;
-  r.strIPAddr = r.strIPNetMask = r.strIPGateway = r.strIPName = r.strMacLaa = r.strMacUaa =
-      r.strAdapterType = r.strIPAddrSrc = r.strOEMByte = r.strPwdSet = r.strProdID =
-          r.strAdapterName = r.strCPDAttached = r.strPrintrVidPid = "old";
-  r.vecDeviceSpecific.resize(3);
-  return r;
-}
-
-// ParseHCPResponse replaces every field the parser fills (the device entries too) with the
-// parser's result, writes iResponse only for a configuration answer and never iPortInfo; a failed
-// parse leaves the record whole.
-TEST_F(HBN3DisassemblerTest, ExportedParseReplacesTheParsedFieldsOrNone) {
-  const Bytes discovery = DiscoveryAnswer(kItems);
-  const long strid =
-      static_cast<long>(std::string(discovery.begin(), discovery.end()).find("STRID"));
-  const FakeHostPlatform none;
-  const struct {
-    const char *name;
-    Bytes message;
-    UInt32 kind, code;
-    const kiv::KivHostPlatform &host;
-  } cases[] = {
-      {"discovery", discovery, kHCPDiscoveryResponse, 0, platform},
-      {"accepted", ConfigurationAnswer(0, kConfigText), kConfigurationAnswer, 0, platform},
-      {"refused", ConfigurationAnswer(5, ""), kConfigurationAnswer, 0, platform},
-      // Cut before the port items: the parser has read the addresses when it finds them missing.
-      {"cut", Bytes(discovery.begin(), discovery.begin() + strid), kHCPDiscoveryResponse,
-       0x0A0707A3, platform},
-      // No MAC conversion on a host without a default interface.
-      {"no default interface", discovery, kHCPDiscoveryResponse, 0x0A0707A3, none},
-  };
-  for (const auto &c : cases) {
-    kiv::HostPlatformOverrideScope host(c.host);
-    KivNetRecord expected = FilledRecord();
-    if (c.code == 0) {
-      expected = KivNetRecord();
-      ASSERT_EQ(Parse(c.message, expected, c.kind), 0u) << c.name;
-      expected.iPortInfo = 9;
-      expected.iResponse = c.kind == kHCPDiscoveryResponse ? 7 : expected.iResponse;
-    }
-    ScopedContainer container;
-    container.Fill(c.message);
-    KivNetRecord record = FilledRecord();
-    EXPECT_EQ(ParseHCPResponse(0x48424E33, container.handle(), c.kind, record), c.code) << c.name;
-    EXPECT_EQ(Describe(record), Describe(expected)) << c.name;
-  }
-}
-
 // ---- Every prefix ----
 
 // Every prefix of every message, through every operation: a result or a KivWrapperException,
@@ -256,14 +228,9 @@ TEST_F(HBN3DisassemblerTest, EveryPrefixOfEveryMessageThroughEveryOperation) {
       [](auto &p, auto &r) { p.ParseHCPResponse(kHCPDiscoveryResponse, r); },
       [](auto &p, auto &r) { p.ParseHCPResponse(kConfigurationAnswer, r); },
   };
-  const Bytes messages[] = {PingReply(),
-                            RequestScanReply(),
-                            HostListAnswer(),
-                            ScanRequest(),
-                            StatusAnswer(),
-                            DiscoveryAnswer(kItems),
-                            ConfigurationAnswer(0, kConfigText)};
-  for (const Bytes &message : messages) {
+  for (const Bytes &message :
+       {PingReply(), RequestScanReply(), HostListAnswer(), ScanRequest(), StatusAnswer(),
+        DiscoveryAnswer(kItems), ConfigurationAnswer(0, kConfigText)}) {
     for (size_t length = 0; length <= message.size(); ++length) {
       for (size_t k = 0; k < std::size(operations); ++k) {
         auto parser = Holding(Bytes(message.begin(), message.begin() + static_cast<long>(length)));

@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <memory>
-#include <string>
 
 #include "Common/Constants/KivCommunicationConstants.h"
 #include "HBN3/KivHBN3Header.h"
@@ -43,7 +41,7 @@ TEST(HBN3HeaderTest, VectorIsWrittenAndParsedBack) {
   EXPECT_EQ(ToHex(Stream(parsed)), ToHex(wire));
 }
 
-TEST(HBN3HeaderTest, PayloadWritesOnlyHeldBytesAtOffset24) {
+TEST(HBN3HeaderTest, PayloadWritesOnlyHeldBytesAtOffset24ZeroFilledWhenMissing) {
   KivHBN3Header header(kCarrying.data(), Size(kCarrying));
   header.SetDataLength(8);
   Bytes room(32, 0xEE);
@@ -55,15 +53,13 @@ TEST(HBN3HeaderTest, PayloadWritesOnlyHeldBytesAtOffset24) {
   Bytes exact(26, 0xEE);
   header.GetPayload(exact.data(), 2);
   EXPECT_EQ(ToHex(exact), ToHex(Join({Bytes(24, 0xEE), Hex("0102")})));
-}
-
-TEST(HBN3HeaderTest, PayloadIsTakenZeroFilledOnlyWhenItStatesALength) {
-  // Status answers declaring 4 bytes with none arrived, and declaring -16.
+  // A payload is taken, zero-filled, only when it states a length: status answers declaring 4 bytes
+  // with none arrived, and declaring -16.
   const Bytes cut = Hex("0004000A1B2C 0000 C0A80114 00000004");
   const Bytes negative = Hex("0004000A1B2C 0000 C0A80114 FFFFFFF0");
   KivHBN3StatusCacheResponsePayload four(cut.data(), 16), none(negative.data(), 16);
-  KivHBN3Header header(0x48424E33, 0, 2, 0, 4, four), bare(0x48424E33, 0, 2, 0, 4, none);
-  EXPECT_EQ(ToHex(Stream(header)),
+  KivHBN3Header declared(0x48424E33, 0, 2, 0, 4, four), bare(0x48424E33, 0, 2, 0, 4, none);
+  EXPECT_EQ(ToHex(Stream(declared)),
             ToHex(Hex("48424E33 00000000 00000002 00000000 00000004 00000004 00000000")));
   EXPECT_EQ(ToHex(Stream(bare)),
             ToHex(Hex("48424E33 00000000 00000002 00000000 00000004 00000000")));

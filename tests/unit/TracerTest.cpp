@@ -1,7 +1,7 @@
 // Trace lines and hex dumps, byte for byte.
 #include <gtest/gtest.h>
 
-#include <string>
+#include <numeric>
 
 #include "Common/Tracer/KivTracer.h"
 #include "Sockets/KivSocket.h"
@@ -34,9 +34,7 @@ std::string Pairs(int count, int first = 0) {
 
 TEST(Tracer, HexDumps) {
   unsigned char bytes[512];
-  for (int i = 0; i < 512; ++i) {
-    bytes[i] = static_cast<unsigned char>(i);
-  }
+  std::iota(bytes, bytes + 512, 0); // 00 to FF, twice
   // One line of up to 511 bytes, nothing for more or for none.
   EXPECT_EQ(CaptureStdout([&] { TraceLogStream(bytes, 511); }), Pairs(511) + "\n");
   EXPECT_EQ(CaptureStdout([&] { TraceLogStream(bytes, 512); }), "");
