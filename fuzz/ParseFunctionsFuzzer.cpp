@@ -19,19 +19,16 @@ bool Success(UInt32 code) {
 
 void ParseResponse(UInt32 (*parse)(UInt32, HANDLE, HBNResponseInfo &), UInt32 type, HANDLE h) {
   HBNResponseInfo info{"sender", 0xA1, 0xA2, 0xA3, 0xA4, 0xA5};
-  if (!Success(parse(type, h, info))) {
-    Require(info.strIPAddress == "sender" && info.iPortInfo == 0xA1 && info.iStatus == 0xA3 &&
-            info.iReport == 0xA4 && info.iTimeStamp == 0xA5);
-  }
+  Require(Success(parse(type, h, info)) ||
+          (info.strIPAddress == "sender" && info.iPortInfo == 0xA1 && info.iStatus == 0xA3 &&
+           info.iReport == 0xA4 && info.iTimeStamp == 0xA5));
 }
 
 void ParseStatus(UInt32 type, HANDLE h) {
   StatCacheResponse status{0xA1, 0xA2, "", 0, "", "", -7, "sentinel"};
-  if (Success(ParseStatusCacheResponse(type, h, status))) {
-    Require(status.strPayload.size() == static_cast<size_t>(status.iPayloadLength));
-  } else {
-    Require(status.strPayload == "sentinel" && status.iPayloadLength == -7);
-  }
+  Require(Success(ParseStatusCacheResponse(type, h, status))
+              ? status.strPayload.size() == static_cast<size_t>(status.iPayloadLength)
+              : status.strPayload == "sentinel" && status.iPayloadLength == -7);
 }
 
 void ParseHCP(UInt32 type, HANDLE h, UInt32 answerKind) {
@@ -39,12 +36,11 @@ void ParseHCP(UInt32 type, HANDLE h, UInt32 answerKind) {
   record.iResponse = 0x5A;
   record.strIPAddr = "sentinel";
   record.vecDeviceSpecific.resize(5);
-  if (Success(ParseHCPResponse(type, h, answerKind, record))) {
-    Require(record.vecDeviceSpecific.size() <= 4); // replaced, one entry per port slot at most
-  } else {
-    Require(record.iResponse == 0x5A && record.strIPAddr == "sentinel" &&
-            record.vecDeviceSpecific.size() == 5);
-  }
+  // Replaced, one entry per port slot at most; or left whole.
+  Require(Success(ParseHCPResponse(type, h, answerKind, record))
+              ? record.vecDeviceSpecific.size() <= 4
+              : record.iResponse == 0x5A && record.strIPAddr == "sentinel" &&
+                    record.vecDeviceSpecific.size() == 5);
 }
 
 } // namespace

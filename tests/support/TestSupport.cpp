@@ -1,12 +1,11 @@
 // Shared helpers of the tests.
 #include "support/TestSupport.h"
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <cctype>
-#include <iterator>
 #include <cstdio>
+#include <filesystem>
+#include <iterator>
 #include <stdexcept>
 
 #include <gtest/gtest.h>
@@ -60,16 +59,11 @@ std::string CaptureStdout(const std::function<void()> &action) {
 }
 
 int CountOpenDescriptors() {
-  DIR *dir = opendir("/proc/self/fd");
-  if (dir == nullptr) {
-    return -1;
-  }
-  int count = 0;
-  while (dirent *entry = readdir(dir)) {
-    count += entry->d_name[0] != '.' ? 1 : 0;
-  }
-  closedir(dir);
-  return count - 1; // the directory's own descriptor
+  std::error_code error;
+  std::filesystem::directory_iterator fds("/proc/self/fd", error);
+  // Less the descriptor the listing itself holds open.
+  return error ? -1
+               : static_cast<int>(std::distance(fds, std::filesystem::directory_iterator())) - 1;
 }
 
 } // namespace kivtest

@@ -4,9 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <initializer_list>
-
 #include "Exceptions/KivWrapperException.h"
 
 namespace kivtest {

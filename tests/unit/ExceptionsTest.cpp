@@ -71,9 +71,7 @@ TEST(CallFrame, EachFamilyIsTranslatedOnlyWhereItBelongs) {
     EXPECT_EQ(Guarded<KivSocketException>(kFnRecvFrom, c.operation), c.socketFamily) << c.name;
     EXPECT_EQ(Guarded<NoFamily>(kFnRecvFrom, c.operation), c.catchAllOnly) << c.name;
   }
-}
-
-TEST(CallFrame, HandleCreationGivesNullOnlyForItsFamily) {
+  // Handle creation gives null only for its own family.
   EXPECT_EQ(HandleOrNull<KivSocketException>(
                 []() -> int * { throw KivUDPSocketException(BIND_UDP_ERROR); }),
             nullptr);
