@@ -43,20 +43,19 @@ TEST(HostInformation, AddressesAreThoseOfTheDefaultRoutesInterface) {
     GTEST_SKIP() << "this machine has no default route";
   }
   const UInt32 address = GetHostIPAddress(), netmask = GetHostNetMask();
-  bool onInterface = false;
+  int matches = 0; // IPv4 entries of the route's interface with that address and netmask
   ifaddrs *list = nullptr;
   ASSERT_EQ(getifaddrs(&list), 0);
   for (const ifaddrs *entry = list; entry != nullptr; entry = entry->ifa_next) {
     const auto *in = reinterpret_cast<const sockaddr_in *>(entry->ifa_addr);
-    if (in != nullptr && in->sin_family == AF_INET && route == entry->ifa_name &&
-        in->sin_addr.s_addr == address) {
-      onInterface = true;
-      EXPECT_EQ(netmask,
-                reinterpret_cast<const sockaddr_in *>(entry->ifa_netmask)->sin_addr.s_addr);
-    }
+    matches +=
+        in != nullptr && in->sin_family == AF_INET && route == entry->ifa_name &&
+        in->sin_addr.s_addr == address &&
+        reinterpret_cast<const sockaddr_in *>(entry->ifa_netmask)->sin_addr.s_addr == netmask;
   }
   freeifaddrs(list);
-  EXPECT_TRUE(onInterface) << GetHostIPAddressString() << " is not on " << route;
+  EXPECT_EQ(matches, 1) << GetHostIPAddressString() << "/" << GetHostNetMaskString() << " on "
+                        << route;
   EXPECT_EQ(GetHostBroadcastAddress(), address | ~netmask);
   EXPECT_EQ(GetHostGateway(), gateway);
   EXPECT_EQ(GetHostMACAddress("kivnone9"), nullptr) << "an unknown interface";

@@ -1,10 +1,12 @@
-// UDP socket and address handles through the shared library: the codes of bad handles, kinds and
-// options, the options on the descriptor, close and revive, loopback exchanges into containers,
-// the receive time-out, and no descriptor left open, not even by a constructor that throws.
+// UDP socket and address handles through the shared library: the platform form of an address, the
+// codes of bad handles, kinds and options, the options on the descriptor, close and revive,
+// loopback exchanges into containers, the receive time-out, and no descriptor left open, not even
+// by a constructor that throws.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <chrono>
@@ -25,7 +27,11 @@ using kivtest::Bytes;
 
 // The library hands every object to the host; the tests release theirs through the classes.
 typedef std::unique_ptr<KivUDPSocket> UdpHandle;
+typedef std::unique_ptr<KivSocketAddress> AddressHandle;
 UdpHandle OpenUdp(int port) { return UdpHandle(static_cast<KivUDPSocket *>(OpenUDPSocket(port))); }
+AddressHandle Address(std::string text, int port) {
+  return AddressHandle(static_cast<KivSocketAddress *>(CreateSocketAddress(text, port)));
+}
 
 // A stream socket of the base class alone, carrying `classID`: stands in for the TCP handles
 // (kinds 1 and 2) where only the base matters; with 0 its constructor throws after the base made
@@ -61,16 +67,12 @@ long Option(KivSocket &socket, int option) {
 // written, and the containers sent and received.
 struct LoopbackPair {
   UdpHandle receiver = OpenUdp(0), sender = OpenUdp(0);
-  std::string any = "unchanged";
-  std::unique_ptr<KivSocketAddress> toReceiver,
-      from{static_cast<KivSocketAddress *>(CreateSocketAddress(any, 9))};
+  AddressHandle toReceiver, from = Address("unchanged", 9);
   kivtest::ScopedContainer message, inbox;
   int count = -77;
   LoopbackPair() {
     EXPECT_EQ(BindUDPSocket(receiver.get()) + BindUDPSocket(sender.get()), 0u);
-    std::string loopback = "127.0.0.1";
-    toReceiver.reset(
-        static_cast<KivSocketAddress *>(CreateSocketAddress(loopback, LocalPort(*receiver))));
+    toReceiver = Address("127.0.0.1", LocalPort(*receiver));
   }
   UInt32 Send(HANDLE socket) {
     return SendTo(socket, toReceiver.get(), message.handle(), 0, count);
@@ -79,6 +81,28 @@ struct LoopbackPair {
 };
 
 typedef kivtest::DescriptorCheckedTest UdpSocketFunctions;
+
+// The platform form of an address handle: family, then port and address bytes as hex.
+TEST_F(UdpSocketFunctions, AddressHandlesKeepTheirTextAndFormTheirPlatformAddress) {
+  const struct {
+    const char *text;
+    int port;
+    const char *form;
+  } cases[] = {
+      {"", 0, "00 00 00 00 00 00"},                 // any local address, any port
+      {"BROADCAST", 5000, "13 88 FF FF FF FF"},     // the keyword
+      {"broadcast", 5000, "13 88 FF FF FF FF"},     // unreadable text gives the same
+      {"192.168.0.10", 70000, "11 70 C0 A8 00 0A"}, // port kept as its low 16 bits
+  };
+  for (const auto &c : cases) {
+    AddressHandle made = Address(c.text, c.port);
+    const sockaddr_in *bsd = made->GetBSDAddress();
+    EXPECT_EQ(std::to_string(bsd->sin_family) + " " +
+                  kivtest::ToHex(reinterpret_cast<const unsigned char *>(bsd) + 2, 6) + " " +
+                  made->GetIPAddress(),
+              std::to_string(AF_INET) + " " + c.form + " " + c.text);
+  }
+}
 
 TEST_F(UdpSocketFunctions, BadHandlesKindsAndOptionsGiveTheirCodesAndChangeNothing) {
   LoopbackPair pair;
@@ -96,6 +120,7 @@ TEST_F(UdpSocketFunctions, BadHandlesKindsAndOptionsGiveTheirCodesAndChangeNothi
       {0x0A091401, [&] { return SendTo(udp, to, nullptr, 0, count); }},
       {0x0A091403, [&] { return SendTo(udp, box, msg, 0, count); }}, // a container for an address
       {0x0A091502, [&] { return RecvFrom(addr, addr, box, 0, count); }},
+      {0x0A091501, [&] { return RecvFrom(udp, addr, nullptr, 0, count); }},
       {0x0A091503, [&] { return RecvFrom(udp, box, box, 0, count); }},
       {0x0A091602, [&] { return CloseUDPSocket(box); }},
       {0x0A092602, [&] { return UInt32(RevitalizeSocket(udp, 3)); }},
@@ -136,6 +161,23 @@ TEST_F(UdpSocketFunctions, OptionsReachTheDescriptor) {
   EXPECT_EQ(Option(server, SO_RCVTIMEO) + Option(client, SO_RCVTIMEO), 0);
   // The fixture finds the descriptor still open if the base leaks it.
   EXPECT_THROW(StandInSocket(0), std::runtime_error);
+}
+
+TEST_F(UdpSocketFunctions, WithoutDescriptorsOpenGivesNullAndReviveFails) {
+  UdpHandle udp = OpenUdp(0);
+  ASSERT_EQ(CloseUDPSocket(udp.get()), 0u);
+  // The library's socket error is made once first: the sanitizer builds check an exception's
+  // dynamic type the first time, and that check itself needs descriptors.
+  ASSERT_EQ(SetSocketOptions(udp.get(), 0, REUSE_PORT, 0), 0x0A0000B1u);
+  rlimit saved = {};
+  ::getrlimit(RLIMIT_NOFILE, &saved);
+  const rlimit none = {0, saved.rlim_max};
+  ::setrlimit(RLIMIT_NOFILE, &none);
+  HANDLE opened = OpenUDPSocket(0);
+  const int revived = RevitalizeSocket(udp.get(), 0);
+  ::setrlimit(RLIMIT_NOFILE, &saved);
+  EXPECT_EQ(opened, nullptr);
+  EXPECT_EQ(revived, static_cast<int>(0x0A0000B4u));
 }
 
 // An empty datagram and one cut to the receive area arrive with their sender; then the receive

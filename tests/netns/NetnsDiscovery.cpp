@@ -65,22 +65,21 @@ int Discover(int port, const std::vector<kivsim::DeviceRecord> &devices) {
     expected[device.ipAddress] = "0 " + kivtest::RecordText(device);
   }
   std::string broadcast = "BROADCAST", any;
-  std::unique_ptr<KivUDPSocket> owned(static_cast<KivUDPSocket *>(OpenUDPSocket(0)));
+  std::unique_ptr<KivUDPSocket> socket(static_cast<KivUDPSocket *>(OpenUDPSocket(0)));
   std::unique_ptr<KivSocketAddress> to(
       static_cast<KivSocketAddress *>(CreateSocketAddress(broadcast, port))),
       from(static_cast<KivSocketAddress *>(CreateSocketAddress(any, 0)));
-  HANDLE socket = owned.get();
   kivtest::ScopedContainer container;
   HANDLE message = container.handle();
   int bytes = 0;
-  Check(CreateDiscovery(kHCP1, message) == 0 && BindUDPSocket(socket) == 0 &&
-            SetSocketOptions(socket, kSocketKindUDP, BROADCAST_PERMITTED, 0) == 0 &&
-            SetSocketOptions(socket, kSocketKindUDP, TIME_OUT, 1) == 0 &&
-            SendTo(socket, to.get(), message, 0, bytes) == 0,
+  Check(CreateDiscovery(kHCP1, message) == 0 && BindUDPSocket(socket.get()) == 0 &&
+            SetSocketOptions(socket.get(), kSocketKindUDP, BROADCAST_PERMITTED, 0) == 0 &&
+            SetSocketOptions(socket.get(), kSocketKindUDP, TIME_OUT, 1) == 0 &&
+            SendTo(socket.get(), to.get(), message, 0, bytes) == 0,
         "the discovery query broadcast from a bound socket");
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   for (int i = 0; i < 1000 && !expected.empty() && std::chrono::steady_clock::now() < end; ++i) {
-    UInt32 code = RecvFrom(socket, from.get(), message, 0, bytes);
+    UInt32 code = RecvFrom(socket.get(), from.get(), message, 0, bytes);
     if (code == 0x0A0000B6) {
       continue; // a second without an answer
     }
@@ -110,32 +109,27 @@ int main(int argc, char **argv) {
     std::fputs("usage: NetnsDiscovery FIRST_ADDRESS PORT [SERVE_SECONDS]\n", stderr);
     return 2;
   }
-  try {
-    // Four devices from FIRST_ADDRESS on; every other one has a second port, so records differ in
-    // more than their numbers.
-    std::vector<kivsim::DeviceRecord> devices;
-    for (int n = 1; n <= 4; ++n) {
-      devices.push_back(kivsim::MakeDeviceRecord(n, kivsim::AddressAfter(argv[1], n - 1)));
-      if (n % 2 == 0) {
-        devices.back().ports.push_back({2, true, "KivSim Scanner " + std::to_string(n), "FFFF:2"});
-      }
+  // Four devices from FIRST_ADDRESS on; every other one has a second port, so records differ in
+  // more than their numbers.
+  std::vector<kivsim::DeviceRecord> devices;
+  for (int n = 1; n <= 4; ++n) {
+    devices.push_back(kivsim::MakeDeviceRecord(n, kivsim::AddressAfter(argv[1], n - 1)));
+    if (n % 2 == 0) {
+      devices.back().ports.push_back({2, true, "KivSim Scanner " + std::to_string(n), "FFFF:2"});
     }
-    if (serve == 0) {
-      return Discover(port, devices);
-    }
-    // The group listener on every address takes the broadcast queries; answering any peer is
-    // safe only in a network the test made itself. A signal ends the serving sooner.
-    kivsim::Simulator simulator({std::uint16_t(port), std::uint16_t(port), "0.0.0.0", true});
-    for (const kivsim::DeviceRecord &device : devices) {
-      simulator.AddDevice(device);
-    }
-    simulator.Start();
-    std::printf("NetnsDiscovery: ready, %zu devices on port %d\n", devices.size(), port);
-    std::fflush(stdout);
-    std::this_thread::sleep_for(std::chrono::seconds(serve));
-    return 0;
-  } catch (const std::exception &e) {
-    std::fprintf(stderr, "NetnsDiscovery: %s\n", e.what());
-    return 1;
   }
+  if (serve == 0) {
+    return Discover(port, devices);
+  }
+  // The group listener on every address takes the broadcast queries; answering any peer is
+  // safe only in a network the test made itself. A signal ends the serving sooner.
+  kivsim::Simulator simulator({std::uint16_t(port), std::uint16_t(port), "0.0.0.0", true});
+  for (const kivsim::DeviceRecord &device : devices) {
+    simulator.AddDevice(device);
+  }
+  simulator.Start();
+  std::printf("NetnsDiscovery: ready, %zu devices on port %d\n", devices.size(), port);
+  std::fflush(stdout);
+  std::this_thread::sleep_for(std::chrono::seconds(serve));
+  return 0;
 }

@@ -27,14 +27,11 @@ TEST(KivnetResultCodes, EveryFamilyAndTheOddValuesDecode) {
       {InterfaceCode(kFnSendTo, kKindGeneral),
        "SendTo: general failure (no builder or parser for the header type, or an unexpected "
        "exception)"},
-      {InterfaceCode(kFnParseRequestScan, kKindBadBuffer),
-       "ParseRequestScan: invalid buffer handle"},
       {0x0A091305, "function 0x13 (unknown): failure kind 0x05 (unknown)"},
       {Thrown(KivWrapperException(kClassHBN3Disassembler, KivHBN3Disassembler::kFnParseHCPResponse,
                                   COPY_ERROR)),
        "KivHBN3Disassembler::ParseHCPResponse: COPY_ERROR, a copy failed or the message could not "
        "be parsed"},
-      {0x0A080EA8, "KivNetBuffer function 0x0E: BUFFER_ERROR, buffer error"},
       {Thrown(KivSocketException(REUSE_PORT_ERROR)),
        "socket layer: REUSE_PORT_ERROR, address or port reuse refused"},
   };
