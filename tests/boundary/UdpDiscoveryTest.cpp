@@ -1,7 +1,6 @@
-// Discovery and configuration end to end on loopback, through the
-// exported functions only, against simulated devices behind a group listener: two hundred
-// devices answering one query, a configuration followed by a new discovery, and the faults a
-// device can show.
+// Discovery and configuration end to end on loopback, through the exported functions only,
+// against simulated devices behind a group listener: two hundred devices answering one query, a
+// configuration followed by a new discovery, and the faults a device can show.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -126,7 +125,7 @@ TEST_F(UdpDiscovery, TwoHundredDevicesAnswerAgainAfterAConfigurationMovedOne) {
 
   ScopedContainer message, answer;
   std::string mac = "024B49560003", address = "127.0.0.250", netmask = "255.255.0.0",
-              gateway = "127.0.0.1", password = "s3cret", unused;
+              gateway = "127.0.0.1", password, unused;
   CreateIPConfig(kHCP1, mac, unused, unused, address, password, netmask, gateway, message.handle());
   const std::vector<Datagram> answers = Exchange(message, 1, 5, "127.0.0.42");
   ASSERT_EQ(answers.size(), 1u);
