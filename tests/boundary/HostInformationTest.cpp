@@ -10,8 +10,10 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "Interfaces/KivNetworkComm.h"
+#include "support/Thrown.h"
 
 namespace {
 
@@ -20,12 +22,11 @@ namespace {
 std::string DefaultRoute(UInt32 &gatewayOut) {
   std::ifstream table("/proc/net/route");
   std::string line, found;
-  unsigned long best = ~0ul;
+  unsigned long best = ~0ul, destination, gateway, flags, metric, mask;
+  char name[64];
   while (std::getline(table, line)) {
-    char name[64];
-    unsigned long destination, gateway, flags, refs, use, metric, mask;
-    if (std::sscanf(line.c_str(), "%63s %lx %lx %lx %lu %lu %lu %lx", name, &destination, &gateway,
-                    &flags, &refs, &use, &metric, &mask) == 8 &&
+    if (std::sscanf(line.c_str(), "%63s %lx %lx %lx %*u %*u %lu %lx", name, &destination, &gateway,
+                    &flags, &metric, &mask) == 6 &&
         destination == 0 && mask == 0 && (flags & RTF_UP) && metric < best) {
       best = metric;
       found = name;
@@ -35,51 +36,35 @@ std::string DefaultRoute(UInt32 &gatewayOut) {
   return found;
 }
 
-// Skips a machine without a default route.
-class HostInformation : public testing::Test {
-protected:
-  void SetUp() override {
-    routeInterface = DefaultRoute(routeGateway);
-    if (routeInterface.empty()) {
-      GTEST_SKIP() << "this machine has no default route";
-    }
+TEST(HostInformation, AddressesAreThoseOfTheDefaultRoutesInterface) {
+  UInt32 gateway = 0;
+  const std::string route = DefaultRoute(gateway);
+  if (route.empty()) {
+    GTEST_SKIP() << "this machine has no default route";
   }
-  std::string routeInterface;
-  UInt32 routeGateway = 0;
-};
-
-TEST_F(HostInformation, AddressesAreThoseOfTheDefaultRoutesInterface) {
-  const UInt32 address = GetHostIPAddress();
-  const UInt32 netmask = GetHostNetMask();
-  bool onInterface = false;
+  const UInt32 address = GetHostIPAddress(), netmask = GetHostNetMask();
+  int matches = 0; // IPv4 entries of the route's interface with that address and netmask
   ifaddrs *list = nullptr;
   ASSERT_EQ(getifaddrs(&list), 0);
   for (const ifaddrs *entry = list; entry != nullptr; entry = entry->ifa_next) {
-    if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET &&
-        routeInterface == entry->ifa_name &&
-        reinterpret_cast<const sockaddr_in *>(entry->ifa_addr)->sin_addr.s_addr == address) {
-      onInterface = true;
-      EXPECT_EQ(netmask,
-                reinterpret_cast<const sockaddr_in *>(entry->ifa_netmask)->sin_addr.s_addr);
-    }
+    const auto *in = reinterpret_cast<const sockaddr_in *>(entry->ifa_addr);
+    matches +=
+        in != nullptr && in->sin_family == AF_INET && route == entry->ifa_name &&
+        in->sin_addr.s_addr == address &&
+        reinterpret_cast<const sockaddr_in *>(entry->ifa_netmask)->sin_addr.s_addr == netmask;
   }
   freeifaddrs(list);
-  EXPECT_TRUE(onInterface) << GetHostIPAddressString() << " is not on " << routeInterface;
+  EXPECT_EQ(matches, 1) << GetHostIPAddressString() << "/" << GetHostNetMaskString() << " on "
+                        << route;
   EXPECT_EQ(GetHostBroadcastAddress(), address | ~netmask);
-  EXPECT_EQ(GetHostGateway(), routeGateway);
+  EXPECT_EQ(GetHostGateway(), gateway);
   EXPECT_EQ(GetHostMACAddress("kivnone9"), nullptr) << "an unknown interface";
-}
 
-TEST_F(HostInformation, BroadcastTextIsComparedCharacterForCharacter) {
+  // The broadcast text is compared character for character.
   const std::string exact = GetHostBroadcastAddressString();
-  std::string text = exact;
-  EXPECT_TRUE(IsBroadcastAddress(text));
-  text = "0" + exact; // the same address with a leading zero
-  EXPECT_FALSE(IsBroadcastAddress(text));
-  text = exact + " ";
-  EXPECT_FALSE(IsBroadcastAddress(text));
-  text = GetHostIPAddressString();
-  EXPECT_FALSE(IsBroadcastAddress(text));
+  for (std::string text : {exact, "0" + exact, exact + " ", GetHostIPAddressString()}) {
+    EXPECT_EQ(IsBroadcastAddress(text), text == exact) << text;
+  }
 }
 
 // Without a default route every host-information function lets the int -1 through, even those
@@ -91,23 +76,12 @@ TEST(HostWithoutDefaultRoute, EveryFunctionThrowsMinusOne) {
   }
   std::string text = "10.1.2.3";
   unsigned char bytes[6];
-  const std::function<void()> calls[] = {
-      [] { GetHostMACAddress("lo"); },
-      [] { GetHostIPAddress(); },
-      [] { GetHostBroadcastAddressString(); },
-      [] { GetHostname(); },
-      [&] { GetLongFromIP(text); },
-      [&] { IsBroadcastAddress(text); },
-      [&] { ConvertCharStrToHexVal("0004AC1F2B3C", bytes); },
-  };
-  for (const auto &call : calls) {
-    int thrown = 0;
-    try {
-      call();
-    } catch (int value) {
-      thrown = value;
-    }
-    EXPECT_EQ(thrown, -1);
+  for (const std::function<void()> &call : std::vector<std::function<void()>>{
+           [] { GetHostMACAddress("lo"); }, [] { GetHostIPAddress(); },
+           [] { GetHostBroadcastAddressString(); }, [] { GetHostname(); },
+           [&] { GetLongFromIP(text); }, [&] { IsBroadcastAddress(text); },
+           [&] { ConvertCharStrToHexVal("0004AC1F2B3C", bytes); }}) {
+    EXPECT_EQ(kivtest::IntThrownBy(call), -1);
   }
 }
 

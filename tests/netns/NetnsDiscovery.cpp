@@ -1,8 +1,8 @@
-// NetnsDiscovery: both sides of the network-namespace test. With --serve it serves simulated
-// devices on the addresses of the test's device namespace, answering any peer and taking
-// broadcasts, for a bounded time. Without it, it is the host, through the exported functions
-// only: it discovers the devices with a broadcast query and checks every record. It refuses to run
-// in the machine's own network namespace, so no broadcast ever leaves the machine.
+// NetnsDiscovery: both sides of the network-namespace test. Given SERVE_SECONDS it serves
+// simulated devices on the addresses of the test's device namespace, answering any peer and
+// taking broadcasts, for that bounded time. Without it, it is the host, through the exported
+// functions only: it discovers the devices with a broadcast query and checks every record. It
+// refuses to run in the machine's own network namespace, so no broadcast ever leaves the machine.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,10 +10,13 @@
 #include <cstdio>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <thread>
 
 #include "Interfaces/KivNetworkComm.h"
 #include "sim/Simulator.h"
+#include "support/RecordText.h"
+#include "support/ScopedContainer.h"
 
 namespace {
 
@@ -54,88 +57,41 @@ bool InOwnNetworkNamespace(std::string &why) {
   return why.empty();
 }
 
-// Serves the devices on `port` for `seconds` (a signal ends it sooner).
-int Serve(int port, int seconds, const std::vector<kivsim::DeviceRecord> &devices) {
-  kivsim::SimulatorOptions options;
-  options.hcpPort = options.hbn3Port = static_cast<std::uint16_t>(port);
-  options.groupAddress = "0.0.0.0"; // takes the broadcast queries
-  options.answerAnyPeer = true;     // safe only in a network the test made itself
-  kivsim::Simulator simulator(options);
-  for (const kivsim::DeviceRecord &device : devices) {
-    simulator.AddDevice(device);
-  }
-  simulator.Start();
-  std::printf("NetnsDiscovery: ready, %zu devices on port %d\n", devices.size(), port);
-  std::fflush(stdout);
-  std::this_thread::sleep_for(std::chrono::seconds(seconds));
-  return 0;
-}
-
-// The fields a host reads from a discovery answer, as one line, from the answer or the plan.
-std::string Fields(const KivNetRecord &r) {
-  std::string text = r.strIPAddr + " " + r.strIPNetMask + " " + r.strIPGateway + " " + r.strIPName +
-                     " " + r.strMacUaa + " " + r.strAdapterName + " " + r.strPwdSet;
-  for (const DeviceSpecific &p : r.vecDeviceSpecific) {
-    text += " [" + std::to_string(p.iPortInfo) + " " + p.strProdID + " " + p.strPrintrVidPid + " " +
-            p.strCPDAttached + "]";
-  }
-  return text;
-}
-std::string Fields(const kivsim::DeviceRecord &d) {
-  char mac[16];
-  std::snprintf(mac, sizeof mac, "ET%02x%02x%02x%02x%02x%02x", d.mac[0], d.mac[1], d.mac[2],
-                d.mac[3], d.mac[4], d.mac[5]);
-  std::string text = d.ipAddress + " " + d.netmask + " " + d.gateway + " " + d.ipName + " " + mac +
-                     " " + d.adapterName + " FALSE";
-  for (const kivsim::PortRecord &p : d.ports) {
-    const std::string number = std::to_string(p.number);
-    text += " [" + number + " " + p.productText + " " + p.vidPidText + " " + number + " 1]";
-  }
-  return text;
-}
-
 // Broadcasts the discovery query to `port` and checks that every device answers once, from its
 // own address, with its record, within ten seconds.
 int Discover(int port, const std::vector<kivsim::DeviceRecord> &devices) {
   std::map<std::string, std::string> expected;
   for (const kivsim::DeviceRecord &device : devices) {
-    expected[device.ipAddress] = Fields(device);
+    expected[device.ipAddress] = "0 " + kivtest::RecordText(device);
   }
   std::string broadcast = "BROADCAST", any;
-  HANDLE socket = OpenUDPSocket(0), to = CreateSocketAddress(broadcast, port),
-         from = CreateSocketAddress(any, 0), message = CreateBuffer();
+  std::unique_ptr<KivUDPSocket> socket(static_cast<KivUDPSocket *>(OpenUDPSocket(0)));
+  std::unique_ptr<KivSocketAddress> to(
+      static_cast<KivSocketAddress *>(CreateSocketAddress(broadcast, port))),
+      from(static_cast<KivSocketAddress *>(CreateSocketAddress(any, 0)));
+  kivtest::ScopedContainer container;
+  HANDLE message = container.handle();
   int bytes = 0;
-  Check(CreateDiscovery(kHCP1, message) == 0 && BindUDPSocket(socket) == 0 &&
-            SetSocketOptions(socket, kSocketKindUDP, BROADCAST_PERMITTED, 0) == 0 &&
-            SetSocketOptions(socket, kSocketKindUDP, TIME_OUT, 1) == 0 &&
-            SendTo(socket, to, message, 0, bytes) == 0,
+  Check(CreateDiscovery(kHCP1, message) == 0 && BindUDPSocket(socket.get()) == 0 &&
+            SetSocketOptions(socket.get(), kSocketKindUDP, BROADCAST_PERMITTED, 0) == 0 &&
+            SetSocketOptions(socket.get(), kSocketKindUDP, TIME_OUT, 1) == 0 &&
+            SendTo(socket.get(), to.get(), message, 0, bytes) == 0,
         "the discovery query broadcast from a bound socket");
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   for (int i = 0; i < 1000 && !expected.empty() && std::chrono::steady_clock::now() < end; ++i) {
-    UInt32 code = RecvFrom(socket, from, message, 0, bytes);
+    UInt32 code = RecvFrom(socket.get(), from.get(), message, 0, bytes);
     if (code == 0x0A0000B6) {
       continue; // a second without an answer
     }
-    std::string sender;
+    const std::string sender = from->GetIPAddress();
     KivNetRecord record;
-    GetAddressPort(from, &sender, nullptr);
     code = code != 0 ? code : ParseHCPResponse(kHCP1, message, 0x80000006, record);
-    const auto device = expected.find(sender);
-    Check(code == 0 && device != expected.end(),
-          "the answer from " + sender + ": code " + std::to_string(code) + ", or not expected");
-    if (code == 0 && device != expected.end()) {
-      Check(Fields(record) == device->second,
-            "record '" + Fields(record) + "', expected '" + device->second + "'");
-      expected.erase(device);
-    }
+    const std::string got = std::to_string(code) + " " + kivtest::RecordText(record);
+    Check(expected[sender] == got,
+          "from " + sender + ": '" + got + "', expected '" + expected[sender] + "'");
+    expected.erase(sender);
   }
   Check(expected.empty(), std::to_string(expected.size()) + " device(s) did not answer");
-  CloseUDPSocket(socket);
-  delete static_cast<KivUDPSocket *>(VerifySocketHandle(socket, kSocketKindUDP));
-  delete VerifySockAddressHandle(to);
-  delete VerifySockAddressHandle(from);
-  VerifyBufferHandle(message)->ResetBuffer();
-  delete VerifyBufferHandle(message);
   std::printf("NetnsDiscovery: %d check(s) failed\n", gFailures);
   return gFailures == 0 ? 0 : 1;
 }
@@ -148,34 +104,32 @@ int main(int argc, char **argv) {
     std::fprintf(stderr, "NetnsDiscovery: refusing to run: %s\n", why.c_str());
     return 3;
   }
-  std::map<std::string, std::string> o; // "--name value" pairs
-  for (int i = 1; i + 1 < argc; i += 2) {
-    o[argv[i]] = argv[i + 1];
-  }
-  const int count = std::atoi(o["--devices"].c_str()), port = std::atoi(o["--port"].c_str()),
-            serve = std::atoi(o["--serve"].c_str());
-  if (argc % 2 == 0 || count < 1 || count > 100 || port < 1 || port > 65535 || serve < 0 ||
-      serve > 600) {
-    std::fputs("usage: NetnsDiscovery --devices N --first A --netmask M --gateway G --port P\n"
-               "                      [--serve SECONDS]\n",
-               stderr);
+  const int port = argc > 2 ? std::atoi(argv[2]) : 0, serve = argc > 3 ? std::atoi(argv[3]) : 0;
+  if (argc < 3 || argc > 4 || port < 1 || port > 65535 || serve < 0 || serve > 600) {
+    std::fputs("usage: NetnsDiscovery FIRST_ADDRESS PORT [SERVE_SECONDS]\n", stderr);
     return 2;
   }
-  try {
-    // Device n at --first + n - 1; every other device has a second port, so records differ in
-    // more than their numbers.
-    std::vector<kivsim::DeviceRecord> devices;
-    for (int n = 1; n <= count; ++n) {
-      devices.push_back(kivsim::MakeDeviceRecord(n, kivsim::AddressAfter(o["--first"], n - 1)));
-      devices.back().netmask = o["--netmask"];
-      devices.back().gateway = o["--gateway"];
-      if (n % 2 == 0) {
-        devices.back().ports.push_back({2, true, "KivSim Scanner " + std::to_string(n), "FFFF:2"});
-      }
+  // Four devices from FIRST_ADDRESS on; every other one has a second port, so records differ in
+  // more than their numbers.
+  std::vector<kivsim::DeviceRecord> devices;
+  for (int n = 1; n <= 4; ++n) {
+    devices.push_back(kivsim::MakeDeviceRecord(n, kivsim::AddressAfter(argv[1], n - 1)));
+    if (n % 2 == 0) {
+      devices.back().ports.push_back({2, true, "KivSim Scanner " + std::to_string(n), "FFFF:2"});
     }
-    return serve > 0 ? Serve(port, serve, devices) : Discover(port, devices);
-  } catch (const std::exception &e) {
-    std::fprintf(stderr, "NetnsDiscovery: %s\n", e.what());
-    return 1;
   }
+  if (serve == 0) {
+    return Discover(port, devices);
+  }
+  // The group listener on every address takes the broadcast queries; answering any peer is
+  // safe only in a network the test made itself. A signal ends the serving sooner.
+  kivsim::Simulator simulator({std::uint16_t(port), std::uint16_t(port), "0.0.0.0", true});
+  for (const kivsim::DeviceRecord &device : devices) {
+    simulator.AddDevice(device);
+  }
+  simulator.Start();
+  std::printf("NetnsDiscovery: ready, %zu devices on port %d\n", devices.size(), port);
+  std::fflush(stdout);
+  std::this_thread::sleep_for(std::chrono::seconds(serve));
+  return 0;
 }

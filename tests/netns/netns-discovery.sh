@@ -99,8 +99,7 @@ ip -n "$device_ns" link set "$device_if" up || fail "device link up"
 # The library's host information describes the default route's interface.
 ip -n "$host_ns" route add default via "$net.2" || fail "default route"
 
-ip netns exec "$device_ns" timeout 90 "$netns_program" --devices 4 --first "$net.10" \
-  --netmask 255.255.255.0 --gateway "$net.1" --port "$port" --serve 60 \
+ip netns exec "$device_ns" timeout 90 "$netns_program" "$net.10" "$port" 60 \
   >"$workdir/devices.log" 2>&1 &
 device_pid=$!
 echo "$device_pid" >"$workdir/devices.pid"
@@ -113,8 +112,7 @@ grep -q ready "$workdir/devices.log" || fail "the devices did not start: $(cat "
 
 failed=0
 echo "== host namespace: broadcast discovery"
-ip netns exec "$host_ns" timeout 60 "$netns_program" --devices 4 --first "$net.10" \
-  --netmask 255.255.255.0 --gateway "$net.1" --port "$port" || failed=1
+ip netns exec "$host_ns" timeout 60 "$netns_program" "$net.10" "$port" || failed=1
 
 echo "== device namespace (no default route): host information throws -1"
 ip netns exec "$device_ns" timeout 20 "$host_information_test" \
