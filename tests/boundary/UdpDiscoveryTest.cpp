@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -165,6 +166,57 @@ TEST_F(UdpDiscovery, FaultyDevicesGiveAClearCodeOrNothing) {
     parsed[from] = Parsed(bytes);
   }
   EXPECT_EQ(parsed, expected);
+}
+
+// Each HBN3 request built by the library, answered by a device on its HBN3 port, read back by the
+// matching parse function: the answer echoes the request's port information and channel.
+TEST_F(UdpDiscovery, HBN3RequestsAreAnsweredAndParsed) {
+  AddDevices(1);
+  simulator.Start();
+  constexpr UInt32 kHBN3 = 0x48424E33;
+  char name[] = "\x04HOST";
+  std::string pin = "1234";
+  unsigned char id[6] = {0, 0x11, 0x22, 0x33, 0x44, 0x55};
+  const auto status = [](HANDLE reply, std::string &text) {
+    StatCacheResponse record;
+    const UInt32 code = ParseStatusCacheResponse(kHBN3, reply, record);
+    text = record.strAdapterUAA + " " + record.strAdapterIPAddr + " " + record.strPrinterID + " " +
+           std::to_string(record.iPayloadLength) + " " + std::to_string(record.iChannelID);
+    return code;
+  };
+  const auto info = [](UInt32 (*parse)(UInt32, HANDLE, HBNResponseInfo &)) {
+    return [parse](HANDLE reply, std::string &text) {
+      HBNResponseInfo record;
+      const UInt32 code = parse(kHBN3, reply, record);
+      text = std::to_string(record.iPortInfo) + " " + std::to_string(record.iChannelID) + " " +
+             std::to_string(record.iStatus);
+      return code;
+    };
+  };
+  const struct {
+    std::function<UInt32(HANDLE)> build;
+    std::function<UInt32(HANDLE, std::string &)> parse;
+    const char *expected;
+  } requests[] = {
+      {[](HANDLE m) { return CreatePing(kHBN3, 9, m); }, info(ParsePingResponse), "0 0 1"},
+      {[](HANDLE m) { return CreateStatusCacheRequest(kHBN3, 1, 7, 9, m); }, status,
+       "024b49560001 127.0.0.40 0101 32 7"},
+      {[&](HANDLE m) { return CreateHostListEntry(kHBN3, false, 1, 3, 9, name, pin, id, 1252, m); },
+       info(ParseHostListEntryResponse), "3 2 0"},
+      {[](HANDLE m) { return CreateRequestScan(kHBN3, false, 3, 9, 0x0102030405060708ull, m); },
+       info(ParseRequestScanResponse), "3 2 1"},
+  };
+  for (const auto &request : requests) {
+    ScopedContainer message, reply;
+    ASSERT_EQ(request.build(message.handle()), 0u);
+    const std::vector<Datagram> answers =
+        Exchange(message, 1, 3, "127.0.0.40", simulator.Hbn3Port());
+    ASSERT_EQ(answers.size(), 1u) << request.expected;
+    reply.Fill(answers[0].second);
+    std::string text;
+    EXPECT_EQ(request.parse(reply.handle(), text), 0u);
+    EXPECT_EQ(text, request.expected);
+  }
 }
 
 } // namespace
