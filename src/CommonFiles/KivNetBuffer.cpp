@@ -34,17 +34,25 @@ int KivNetBuffer::SetBuffer(const unsigned char *buffer, int length) {
   if (length < 0) {
     Fail(kFnSetBuffer, BUFFER_SIZE_ERROR);
   }
-  ResetBuffer();
-  if (length > 0) {
-    // On failure the container stays empty: never a pointer to released storage.
-    unsigned char *block = Allocate(length, kFnSetBuffer);
-    std::memcpy(block, buffer, static_cast<size_t>(length));
-    mBuffer = block;
-    mBufferLength = length;
-    // A message too short to hold a field records 0 for it rather than reading past its end.
-    mHeader = kiv::ReadBE32At(buffer, length, 0);
-    mCommand = kiv::ReadBE32At(buffer, length, 16);
+  if (length == 0) {
+    ResetBuffer();
+    return 0;
   }
+  // The source may lie in the block being replaced (the container's own bytes, or a copy that
+  // shares them), so it is copied before that block is released.
+  unsigned char *block = new (std::nothrow) unsigned char[static_cast<size_t>(length)];
+  if (block == nullptr) {
+    // The container is left empty: never a pointer to released storage.
+    ResetBuffer();
+    Fail(kFnSetBuffer, COPY_ERROR);
+  }
+  std::memcpy(block, buffer, static_cast<size_t>(length));
+  ResetBuffer();
+  mBuffer = block;
+  mBufferLength = length;
+  // A message too short to hold a field records 0 for it rather than reading past its end.
+  mHeader = kiv::ReadBE32At(block, length, 0);
+  mCommand = kiv::ReadBE32At(block, length, 16);
   return mBufferLength;
 }
 

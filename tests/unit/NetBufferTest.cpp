@@ -50,6 +50,12 @@ TEST_F(NetBufferTest, ResetAndEmptySetBufferKeepHeaderAndCommand) {
   unsigned char untouched = 0x5A;
   EXPECT_EQ(buffer.GetBuffer(&untouched, 0), 0) << "an empty container gives nothing";
   EXPECT_EQ(untouched, 0x5A);
+  // Refilled from its own bytes, or from a copy sharing its block: the bytes are read first.
+  buffer.SetBuffer(header.data(), 24);
+  const KivNetBuffer sharing = buffer;
+  EXPECT_EQ(buffer.SetBuffer(sharing.GetBufferRef() + 4, 20), 20);
+  EXPECT_EQ(buffer.SetBuffer(buffer.GetBufferRef(), 16), 16);
+  EXPECT_EQ(Contents(buffer), Bytes(header.begin() + 4, header.begin() + 20));
 }
 
 TEST_F(NetBufferTest, ExtractDrainsFromTheFrontAndInsertFillsOnlyAnEmptyContainer) {
