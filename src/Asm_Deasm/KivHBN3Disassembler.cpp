@@ -416,28 +416,28 @@ UInt32 KivHBN3Disassembler::ReadHCPAnswer(UInt32 iType, KivNetRecord &rec) {
     position = text.find(kKeyCPDAttached, space + 1);
   }
 
-  position = posStrID;
-  for (int k = 0; k < kPortSlots && position != npos; ++k) {
-    size_t open = 0;
-    const std::string quoted =
-        QuotedPortText(text, ValueStart(position, kKeyStrID), slots[k].iFlag == 1, open);
-    if (slots[k].iFlag == 1) {
-      // Some devices put a space after the opening quote of the product text.
-      slots[k].strProdID = !quoted.empty() && quoted[0] == ' ' ? quoted.substr(1) : quoted;
+  // The quoted-text passes: the k-th occurrence of `key`, from `first` on, belongs to slot k; the
+  // text is located for every occurrence so the search always advances, and stored for slots in
+  // use.
+  const auto quotedPass = [&](size_t first, const auto &key, auto store) {
+    size_t at = first;
+    for (int k = 0; k < kPortSlots && at != npos; ++k) {
+      size_t open = 0;
+      const std::string quoted =
+          QuotedPortText(text, ValueStart(at, key), slots[k].iFlag == 1, open);
+      if (slots[k].iFlag == 1) {
+        store(slots[k], quoted);
+      }
+      at = text.find(key, open + 1);
     }
-    position = text.find(kKeyStrID, open + 1);
-  }
-
-  position = posPrinterVidPid;
-  for (int k = 0; k < kPortSlots && position != npos; ++k) {
-    size_t open = 0;
-    const std::string quoted =
-        QuotedPortText(text, ValueStart(position, kKeyPrinterVidPid), slots[k].iFlag == 1, open);
-    if (slots[k].iFlag == 1) {
-      slots[k].strPrintrVidPid = quoted;
-    }
-    position = text.find(kKeyPrinterVidPid, open + 1);
-  }
+  };
+  quotedPass(posStrID, kKeyStrID, [](DeviceSpecific &slot, const std::string &quoted) {
+    // Some devices put a space after the opening quote of the product text.
+    slot.strProdID = !quoted.empty() && quoted[0] == ' ' ? quoted.substr(1) : quoted;
+  });
+  quotedPass(
+      posPrinterVidPid, kKeyPrinterVidPid,
+      [](DeviceSpecific &slot, const std::string &quoted) { slot.strPrintrVidPid = quoted; });
 
   rec.strAdapterName = valueAt(ValueStart(posAdapterName, kKeyAdapterName));
 
