@@ -8,19 +8,20 @@
 
 #include "CommonFiles/KivWireBytes.h"
 #include "Exceptions/KivWrapperException.h"
+#include "HBN3/KivHBN3Header.h"
 #include "HBN3/KivHBN3PayLoad.h"
 #include "HelperFiles/KivNetHelperUtils.h"
 
 namespace {
 
-// HBN3 header offsets.
-constexpr int kOffTag = 0;
-constexpr int kOffPortInfo = 4;
-constexpr int kOffChannel = 8;
-constexpr int kOffTimeStamp = 12;
-constexpr int kOffCommand = 16;
-constexpr int kHBN3HeaderLength = 24;
-constexpr int kOffPayload = 24;
+// HBN3 header layout.
+constexpr int kOffTag = KivHBN3Header::kOffTag;
+constexpr int kOffPortInfo = KivHBN3Header::kOffPortInfo;
+constexpr int kOffChannel = KivHBN3Header::kOffChannel;
+constexpr int kOffTimeStamp = KivHBN3Header::kOffTimeStamp;
+constexpr int kOffCommand = KivHBN3Header::kOffCommand;
+constexpr int kHBN3HeaderLength = KivHBN3Header::kHeaderLength;
+constexpr int kOffPayload = KivHBN3Header::kHeaderLength;
 constexpr int kReportLength = 8;
 
 // An "HCP1" message carries its command after the 24 bytes of addresses, not at 16.

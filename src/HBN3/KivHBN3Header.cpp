@@ -14,14 +14,6 @@ namespace {
   throw KivWrapperException(kClassHBN3Header, function, error);
 }
 
-// Offsets of the six header fields.
-constexpr int kOffTag = 0;
-constexpr int kOffPortInfo = 4;
-constexpr int kOffChannel = 8;
-constexpr int kOffTimeStamp = 12;
-constexpr int kOffCommand = 16;
-constexpr int kOffDataLength = 20;
-
 } // namespace
 
 KivHBN3Header::KivHBN3Header(UInt32 hbna_id, UInt32 portInfo, UInt32 channelID, UInt32 timeStamp,
