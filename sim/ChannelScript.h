@@ -42,7 +42,9 @@ struct ChannelScript {
   };
   Handshake handshake = kAccept;
   unsigned char answerDummyByte = 0; // byte 4 of the accepting answer; the host ignores it
-  std::vector<ChannelStep> steps;    // played in order after an accepting answer
+  // Played in order after an accepting answer. After a non-zero-length or wrong-tag answer the
+  // device plays nothing and stays silent until the host closes.
+  std::vector<ChannelStep> steps;
 };
 
 // The host's side of one channel connection, as the device saw it.

@@ -99,7 +99,7 @@ void OwnedDescriptor::Reset(int descriptor) {
 class ChannelServer::Conversation {
 public:
   Conversation(ChannelServer &server, int device, std::size_t slot, OwnedDescriptor socket,
-               ChannelScript script)
+               std::shared_ptr<const ChannelScript> script)
       : server_(server), device_(device), slot_(slot), socket_(std::move(socket)),
         script_(std::move(script)) {}
 
@@ -136,15 +136,15 @@ private:
       CloseByDevice(); // a device drops a connection that names no interface it has
       return;
     }
-    if (!Send(HandshakeAnswer(script_), false)) {
+    if (!Send(HandshakeAnswer(*script_), false)) {
       return;
     }
-    if (script_.handshake == ChannelScript::kCloseAfterFour) {
+    if (script_->handshake == ChannelScript::kCloseAfterFour) {
       CloseByDevice();
       return;
     }
-    if (script_.handshake == ChannelScript::kAccept) {
-      for (const ChannelStep &step : script_.steps) {
+    if (script_->handshake == ChannelScript::kAccept) {
+      for (const ChannelStep &step : script_->steps) {
         switch (step.kind) {
         case ChannelStep::kFrame:
         case ChannelStep::kTickle:
@@ -317,7 +317,7 @@ private:
   const int device_;
   const std::size_t slot_;
   OwnedDescriptor socket_;
-  const ChannelScript script_;
+  const std::shared_ptr<const ChannelScript> script_;
   Bytes request_;
   bool hostClosed_ = false;
   bool deviceClosed_ = false;
@@ -341,12 +341,12 @@ ChannelServer::Device &ChannelServer::At(int index) const {
 
 void ChannelServer::SetScript(int index, const ChannelScript &script) {
   std::lock_guard<std::mutex> lock(mutex_);
-  At(index).script = script;
+  At(index).script = std::make_shared<const ChannelScript>(script);
 }
 
 ChannelScript ChannelServer::Script(int index) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return At(index).script;
+  return *At(index).script;
 }
 
 ChannelLog ChannelServer::Record(int index) const {
@@ -462,7 +462,7 @@ void ChannelServer::AcceptFrom(int device, int listener) {
     // Each step's bytes leave as soon as they are sent, so a split frame reaches the host split.
     const int on = 1;
     setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    ChannelScript script;
+    std::shared_ptr<const ChannelScript> script;
     std::size_t slot = 0;
     {
       std::lock_guard<std::mutex> lock(mutex_);

@@ -79,7 +79,8 @@ public:
 private:
   class Conversation;
   struct Device {
-    ChannelScript script;
+    // Shared with the connections playing it, so that a large script is held once.
+    std::shared_ptr<const ChannelScript> script = std::make_shared<const ChannelScript>();
     ChannelLog log;
   };
   struct Connection {
