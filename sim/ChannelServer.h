@@ -65,7 +65,8 @@ public:
 
   // Listens on `addresses[i]` for device i, all on `port` (0: one free port for all, held on
   // every address while running so no other program is given it), and starts accepting.
-  // Connections from outside 127.0.0.0/8 are closed at once unless `answerAnyPeer`.
+  // Connections from outside 127.0.0.0/8 are closed at once unless `answerAnyPeer`, and so are
+  // connections beyond 256 served at once.
   // Throws std::system_error when a listener cannot be made (nothing stays open then).
   void Start(const std::vector<std::string> &addresses, std::uint16_t port, bool answerAnyPeer);
 
