@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "KivNetworkCommVersion.h"
 #include "sim/Simulator.h"
 
 namespace {
@@ -40,6 +41,7 @@ const char kUsage[] =
     "  --wrong-mac           faults: discovery answers name another MAC address\n"
     "  --copies N            faults: send every answer N times (up to 100)\n"
     "  --help                this text\n"
+    "  --version             print the version and exit\n"
     "Devices answer only peers in 127.0.0.0/8 and may only have addresses there.\n";
 
 // A whole number from `text` within [low, high]; exits with a message otherwise.
@@ -80,6 +82,9 @@ int main(int argc, char **argv) {
     };
     if (option == "--help" || option == "-h") {
       std::fputs(kUsage, stdout);
+      return 0;
+    } else if (option == "--version") {
+      std::printf("kivsim (KivNetworkComm) %s\n", KIVNETWORKCOMM_VERSION);
       return 0;
     } else if (option == "--devices") {
       devices = Number("--devices", value(), 1, 1000);
