@@ -24,6 +24,7 @@ if grep -q -- '-std=' <<<"$cflags"; then
 fi
 
 # pkg-config host
+# shellcheck disable=SC2046,SC2086 # pkg-config's flags are separate words
 c++ -o "$work/host_pc" "$source_dir/host.cpp" $cflags $(pkg-config --libs KivNetworkComm) \
   -Wl,-rpath,"$prefix/lib"
 "$work/host_pc" | grep -qx 'host ok 0xA0805A1' || fail "the pkg-config host did not run"
@@ -39,8 +40,9 @@ cmake --build "$work/examples" >/dev/null
 for example in discover status; do
   status=0
   "$work/examples/$example" >"$work/out" 2>&1 || status=$?
-  [ "$status" -eq 2 ] && grep -q "^usage: $example" "$work/out" ||
+  if [ "$status" -ne 2 ] || ! grep -q "^usage: $example" "$work/out"; then
     fail "example $example built against the installed tree: status $status, $(cat "$work/out")"
+  fi
 done
 
 echo "installed tree OK"
