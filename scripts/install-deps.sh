@@ -2,8 +2,10 @@
 # Installs the Debian 12 packages the build, the tests and the tools need, when any is missing.
 set -euo pipefail
 
+# man-db and groff-base render the manual pages the tests check; util-linux gives unshare;
+# valgrind checks that the handle checks read no memory they should not.
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev
-          libbenchmark-dev pkg-config iproute2 procps valgrind)
+          libbenchmark-dev pkg-config iproute2 procps valgrind man-db groff-base util-linux)
 missing=()
 for package in "${packages[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then

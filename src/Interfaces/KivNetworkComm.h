@@ -15,6 +15,7 @@
 
 #include <string>
 
+#include "KivNetworkCommVersion.h"
 #include "Common/KivTypes.h"
 #include "Common/Constants/KivCommunicationConstants.h"
 #include "Common/Tracer/KivTracer.h"
@@ -25,6 +26,11 @@
 
 // Exported debug level: starts at 0; the library itself never reads or writes it.
 extern "C" KIV_EXPORT int mDebugLevel;
+
+// The version of the library that is running, e.g. "1.0.0": compare it with
+// KIVNETWORKCOMM_VERSION (the headers the host was built with) to detect a mismatch. A static
+// text owned by the library; never null.
+KIV_EXTERN_C const char *GetKivNetworkCommVersion();
 
 // ---- Handles and message containers -----------------------------------------------------------
 
@@ -309,6 +315,13 @@ KIV_EXTERN_C UInt32 GetHostBroadcastAddress();
 KIV_EXTERN_C UInt32 GetHostGateway();
 KIV_EXTERN_C UInt32 GetHostNetMask();
 
+// These return std::string with C linkage on purpose (hosts are C++ and link by plain names);
+// clang's warning about that is silenced for these declarations only.
+#if defined(__clang__)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
+#endif
+
 // The same four addresses as dotted text.
 KIV_EXTERN_C std::string GetHostIPAddressString();
 KIV_EXTERN_C std::string GetHostBroadcastAddressString();
@@ -317,6 +330,10 @@ KIV_EXTERN_C std::string GetHostNetMaskString();
 
 // The host name (at most 255 characters), or the empty string when the system gives none.
 KIV_EXTERN_C std::string GetHostname();
+
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#endif
 
 // The address written in `ip` as dotted text, in network byte order; 0xFFFFFFFF for text that is
 // no address. `ip` is read only.

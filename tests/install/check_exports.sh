@@ -12,7 +12,7 @@ for name in CreateBuffer VerifyBufferHandle GetHeaderType GetCommandType \
     CreateStatCacheResponse CreateKivNetRecord OpenUDPSocket BindUDPSocket SetSocketOptions SendTo \
     RecvFrom CloseUDPSocket RevitalizeSocket CreateSocketAddress GetAddressPort \
     VerifySockAddressHandle VerifySocketHandle TraceLogBody TraceLogStream mDebugLevel \
-    _Z15DumpHexMessage2Phi _Z15DumpHexMessage3Phi; do
+    _Z15DumpHexMessage2Phi _Z15DumpHexMessage3Phi GetKivNetworkCommVersion; do
   if ! grep -qx "$name" <<<"$symbols"; then
     echo "not exported: $name"
     missing=1
