@@ -135,7 +135,8 @@ bool Parse(const std::string &text, Entries &entries) {
 // Reads the store; false (and no entries) when it is missing, unreadable or not a store.
 bool ReadEntries(const std::string &path, Entries &entries) {
   entries.clear();
-  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  // O_NONBLOCK: a FIFO put where the store belongs must not hold the reader.
+  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   struct stat info;
   if (fd.Get() < 0 || fstat(fd.Get(), &info) != 0 || !S_ISREG(info.st_mode) ||
       info.st_size > kMaxFileSize) {
