@@ -32,7 +32,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   }
   // A block of exactly the datagram's size, so any read past it is reported.
   std::unique_ptr<uint8_t[]> exact(new uint8_t[size > 0 ? size : 1]);
-  std::memcpy(exact.get(), data, size);
+  if (size > 0) {
+    std::memcpy(exact.get(), data, size);
+  }
   const int length = static_cast<int>(size);
 
   const std::string mac = KivNetBonjourUtil::extractMACAddress(exact.get(), length);

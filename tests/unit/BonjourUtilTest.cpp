@@ -92,7 +92,9 @@ TEST(MacText, TheAnswerFormBecomesLowercaseDigitsInOrdinaryBitOrder) {
 // end is caught by AddressSanitizer.
 std::string Items(const Bytes &answer) {
   std::unique_ptr<unsigned char[]> exact(new unsigned char[answer.size() + (answer.empty())]);
-  std::memcpy(exact.get(), answer.data(), answer.size());
+  if (!answer.empty()) {
+    std::memcpy(exact.get(), answer.data(), answer.size());
+  }
   const int length = static_cast<int>(answer.size());
   return KivNetBonjourUtil::extractMACAddress(exact.get(), length) + "|" +
          KivNetBonjourUtil::extractIPAddress(exact.get(), length);
