@@ -9,6 +9,7 @@
 #include "Asm_Deasm/KivDisassembler.h"
 #include "CommonFiles/KivAsm_DeasmFactory.h"
 #include "CommonFiles/KivHandleRegistry.h"
+#include "HelperFiles/KivBonjourUtil.h"
 #include "HelperFiles/KivNetHelperUtils.h"
 #include "Interfaces/KivCallFrame.h"
 
@@ -496,3 +497,34 @@ void ConvertCharStrToHexVal(const char *destMac, unsigned char *arrMacAddress) {
 void GetExactHexValOfString(const char *destMac, UInt8 *val) {
   KivNetHelperUtils().GetExactHexValOfString(destMac, val);
 }
+
+// ---- Device relocation and debugger entry points ------------------------------------------------
+//
+// Thin as the host functions, but these report every failure as "not found": even the memory for
+// the relocation object failing to come is caught, so nothing leaves them.
+
+bool ResolveNewIPAddress(char *ipAddress, const char *macAddress, UInt16 timeout) {
+  try {
+    KivNetBonjourUtil relocation;
+    return relocation.resolveNewIPAddress(ipAddress, macAddress, timeout);
+  } catch (...) {
+    return false;
+  }
+}
+
+std::string QueryMACAddressByHCP(std::string &ipAddress, UInt16 timeout) {
+  try {
+    KivNetBonjourUtil relocation;
+    return relocation.queryMACAddress(ipAddress, timeout);
+  } catch (...) {
+    return std::string();
+  }
+}
+
+void InitializeDebugger(int, CFStringRef, std::string &, int) {}
+
+UInt32 SendDebugMessage(int, const char *, ...) { return 0; }
+
+UInt32 SendDebugPacket(int, unsigned char *, int) { return 0; }
+
+void StopDebugger() {}

@@ -353,4 +353,58 @@ KIV_EXTERN_C void ConvertCharStrToHexVal(const char *destMac, unsigned char *arr
 // The same conversion into the 6 bytes at `val`.
 KIV_EXTERN_C void GetExactHexValOfString(const char *destMac, UInt8 *val);
 
+// ---- Device relocation and debugger entry points ------------------------------------------------
+//
+// Finding a device again by its MAC address after its IPv4 address changed, and asking a device
+// for its MAC address. Both send the HCP discovery query to UDP port 5353 of a candidate address
+// and compare the MAC text of its answer. They share process-wide state: a host must not run two
+// of them at the same time (the library serialises them: a call made while another runs waits
+// until that one has returned). Neither throws: every failure is reported as "not found".
+//
+// MAC texts are 12 lowercase hexadecimal digits without separators ("000400128fbc"), the form
+// the device's answer is converted to; a text in uppercase or with separators never matches.
+
+// Finds the device whose MAC text is `macAddress` and writes its current dotted address, with the
+// terminator, into `ipAddress`. `ipAddress` is the driver's buffer of at least 16 bytes holding
+// the address the device last had; it is read up to its terminator (16 bytes at most) and written
+// only on success, never beyond 16 bytes. Tried in turn, each confirmed by a MAC query that waits
+// 2 s for the answer:
+//  1. the address remembered for this MAC in the device store (see the README);
+//  2. the address in `ipAddress`;
+//  3. every web server ("_http._tcp") that DNS-SD (the Avahi daemon) finds within `timeout`
+//     seconds, resolved to its first IPv4 address, one service at a time.
+// Returns true when the device was confirmed and reported its address; that address is also
+// written to the device store (a store that cannot be written is ignored). False for a null
+// argument, when the device is not confirmed, or when its answer lacks a usable address (an
+// address text longer than 15 characters is refused); the buffer is then unchanged.
+//
+// Blocks the calling thread: up to 4 s of checks, then `timeout` seconds of browsing checked once a
+// second (0: none), then the end of a check still running (a resolution of up to 5 s and 2 s for
+// the answer). Starts one browse thread and joins it before returning. Where no Avahi daemon is
+// reachable the browse finds nothing and the call still waits its `timeout`.
+//
+// Note: text in `ipAddress` that is not a dotted IPv4 address is read as 255.255.255.255 by the
+// platform's conversion, so the second query is then broadcast on the local network.
+KIV_EXTERN_C bool ResolveNewIPAddress(char *ipAddress, const char *macAddress, UInt16 timeout);
+
+// The MAC text of the device answering the HCP discovery query sent to UDP port 5353 of
+// `ipAddress` (dotted text, read only; other text is read as 255.255.255.255 and broadcast), or ""
+// when nothing usable answers within `timeout` seconds. Blocks the calling thread up to `timeout`
+// seconds. The address the device reported is kept for a relocation's use.
+KIV_EXTERN_C std::string QueryMACAddressByHCP(std::string &ipAddress, UInt16 timeout);
+
+// The string reference the debugger entry points take, as an opaque pointer: host code that
+// passes one keeps its shape. The library never dereferences it.
+typedef const struct KivOpaqueCFString *CFStringRef;
+
+// Debugger entry points, kept for hosts that call them: they ignore their arguments, do nothing
+// and print nothing. Callable from any thread.
+KIV_EXTERN_C void InitializeDebugger(int iTarget, CFStringRef cfPortName, std::string &strFileName,
+                                     int iDebugLevel);
+// Returns 0.
+KIV_EXTERN_C UInt32 SendDebugMessage(int iLevel, const char *format, ...);
+// Returns 0; `message` is not read.
+KIV_EXTERN_C UInt32 SendDebugPacket(int iLevel, unsigned char *message, int iLength);
+KIV_EXTERN_C void StopDebugger();
+
 #endif // KIV_INTERFACES_KIVNETWORKCOMM_H
