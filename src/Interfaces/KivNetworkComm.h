@@ -316,7 +316,7 @@ KIV_EXTERN_C UInt32 GetHostGateway();
 KIV_EXTERN_C UInt32 GetHostNetMask();
 
 // These return std::string with C linkage on purpose (hosts are C++ and link by plain names);
-// clang's warning about that is silenced for these declarations only.
+// clang's warning about that is silenced for these declarations only (and QueryMACAddressByHCP).
 #if defined(__clang__)
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
@@ -391,7 +391,14 @@ KIV_EXTERN_C bool ResolveNewIPAddress(char *ipAddress, const char *macAddress, U
 // `ipAddress` (dotted text, read only; other text is read as 255.255.255.255 and broadcast), or ""
 // when nothing usable answers within `timeout` seconds. Blocks the calling thread up to `timeout`
 // seconds. The address the device reported is kept for a relocation's use.
+#if defined(__clang__)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
+#endif
 KIV_EXTERN_C std::string QueryMACAddressByHCP(std::string &ipAddress, UInt16 timeout);
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#endif
 
 // The string reference the debugger entry points take, as an opaque pointer: host code that
 // passes one keeps its shape. The library never dereferences it.
