@@ -19,6 +19,7 @@
 
 #include "HelperFiles/KivAvahiServiceBrowser.h"
 #include "HelperFiles/KivFileDeviceStore.h"
+#include "HelperFiles/KivNetHelperUtils.h"
 
 const unsigned char gBuffCommand[kRelocationQueryLength] = {
     0x00, 0x00,                         // transaction identifier
@@ -99,16 +100,6 @@ int FindKey(const unsigned char *data, int length, const char *key) {
   return found == end ? -1 : static_cast<int>(found - data);
 }
 
-int DigitValue(char c) {
-  if (c >= '0' && c <= '9') {
-    return c - '0';
-  }
-  if (c >= 'A' && c <= 'Z') {
-    return c - 'A' + 10;
-  }
-  return 0;
-}
-
 UInt8 ReverseBits(UInt8 byte) {
   UInt8 reversed = 0;
   for (int bit = 0; bit < 8; ++bit) {
@@ -140,14 +131,12 @@ KivNetBonjourUtil::~KivNetBonjourUtil() {
 
 std::string KivNetBonjourUtil::getConvertedMACAddress(const std::string &rawMACAdd) {
   try {
-    // The same digits as KivNetHelperUtils::ConvertCharStrToHexVal on a fresh object, without
-    // its snapshot of the default interface, so a host without one can still relocate.
-    UInt8 bytes[6];
-    for (int j = 0; j < 6; ++j) {
-      const std::size_t high = 2 * j, low = 2 * j + 1;
-      const int highDigit = high < rawMACAdd.size() ? DigitValue(rawMACAdd[high]) : 0;
-      const int lowDigit = low < rawMACAdd.size() ? DigitValue(rawMACAdd[low]) : 0;
-      bytes[j] = ReverseBits(static_cast<UInt8>((highDigit << 4) | lowDigit));
+    // The digits of KivNetHelperUtils::ConvertCharStrToHexVal on a fresh object, without its
+    // snapshot of the default interface, so a host without one can still relocate.
+    UInt8 bytes[KivNetHelperUtils::kMacLength];
+    KivNetHelperUtils::ConvertMacText(rawMACAdd.c_str(), bytes);
+    for (UInt8 &byte : bytes) {
+      byte = ReverseBits(byte);
     }
     char text[13];
     std::snprintf(text, sizeof text, "%02x%02x%02x%02x%02x%02x", bytes[0], bytes[1], bytes[2],
