@@ -8,27 +8,13 @@
 
 #include "CommonFiles/KivWireBytes.h"
 #include "Exceptions/KivWrapperException.h"
-#include "HBN3/KivHBN3Header.h"
 #include "HBN3/KivHBN3PayLoad.h"
 #include "HelperFiles/KivNetHelperUtils.h"
 
 namespace {
 
-// HBN3 header layout.
-constexpr int kOffTag = KivHBN3Header::kOffTag;
-constexpr int kOffPortInfo = KivHBN3Header::kOffPortInfo;
-constexpr int kOffChannel = KivHBN3Header::kOffChannel;
-constexpr int kOffTimeStamp = KivHBN3Header::kOffTimeStamp;
-constexpr int kOffCommand = KivHBN3Header::kOffCommand;
-constexpr int kHBN3HeaderLength = KivHBN3Header::kHeaderLength;
-constexpr int kOffPayload = KivHBN3Header::kHeaderLength;
-constexpr int kReportLength = 8;
-
-// An "HCP1" message carries its command after the 24 bytes of addresses, not at 16.
-constexpr int kOffHCPCommand = 24;
-
-// The device's result byte of an HCP configuration answer.
-constexpr int kOffHCPResult = 26;
+// The outcome code of a host-list answer, the first payload field.
+constexpr int kHostListStatusLength = 4;
 
 // Longest unquoted item value; longer runs are cut.
 constexpr size_t kMaxRunLength = 31;
@@ -183,11 +169,11 @@ void KivHBN3Disassembler::SetMessage(KivNetBuffer *msgObject) {
 
   // Classification reads only what arrived: a field the message is too short for reads as 0,
   // as in the container. The parse operations check their own fields.
-  mHeaderType = kiv::ReadBE32At(mDataStream, mLength, kOffTag);
+  mHeaderType = kiv::ReadBE32At(mDataStream, mLength, kHBN3OffsetTag);
   if (mHeaderType == kHeaderTypeHCP1) {
-    mCommand = kiv::ReadBE32At(mDataStream, mLength, kOffHCPCommand);
+    mCommand = kiv::ReadBE32At(mDataStream, mLength, kHCPOffsetCommand);
   } else if (mHeaderType == kHeaderTypeHBN3) {
-    mCommand = kiv::ReadBE32At(mDataStream, mLength, kOffCommand);
+    mCommand = kiv::ReadBE32At(mDataStream, mLength, kHBN3OffsetCommand);
   }
 }
 
@@ -203,40 +189,42 @@ HBNResponseInfo HeaderFields(const unsigned char *message, int length, int neede
     throw KivWrapperException(kClassHBN3Disassembler, function, COPY_ERROR);
   }
   HBNResponseInfo info;
-  info.iPortInfo = kiv::ReadBE32(message + kOffPortInfo);
-  info.iChannelID = kiv::ReadBE32(message + kOffChannel);
+  info.iPortInfo = kiv::ReadBE32(message + kHBN3OffsetPortInfo);
+  info.iChannelID = kiv::ReadBE32(message + kHBN3OffsetChannel);
   return info;
 }
 
 } // namespace
 
 HBNResponseInfo KivHBN3Disassembler::ParsePingResponse() {
-  HBNResponseInfo info = HeaderFields(mDataStream, mLength, kOffCommand + 4, kFnParsePingResponse);
-  info.iStatus = kiv::ReadBE32(mDataStream + kOffCommand) == kCmdPingReply ? 1 : 0;
+  HBNResponseInfo info = HeaderFields(mDataStream, mLength, kHBN3OffsetCommand + kHBN3FieldLength,
+                                      kFnParsePingResponse);
+  info.iStatus = kiv::ReadBE32(mDataStream + kHBN3OffsetCommand) == kCmdPingReply ? 1 : 0;
   return info;
 }
 
 HBNResponseInfo KivHBN3Disassembler::ParseRequestScanResponse() {
-  HBNResponseInfo info =
-      HeaderFields(mDataStream, mLength, kOffCommand + 4, kFnParseRequestScanResponse);
-  info.iStatus = kiv::ReadBE32(mDataStream + kOffCommand) == kCmdRequestScanReply ? 1 : 0;
+  HBNResponseInfo info = HeaderFields(mDataStream, mLength, kHBN3OffsetCommand + kHBN3FieldLength,
+                                      kFnParseRequestScanResponse);
+  info.iStatus = kiv::ReadBE32(mDataStream + kHBN3OffsetCommand) == kCmdRequestScanReply ? 1 : 0;
   return info;
 }
 
 HBNResponseInfo KivHBN3Disassembler::ParseHostListEntryResponse() {
   HBNResponseInfo info =
-      HeaderFields(mDataStream, mLength, kOffPayload + 4, kFnParseHostListEntryResponse);
+      HeaderFields(mDataStream, mLength, kHBN3OffsetPayload + kHostListStatusLength,
+                   kFnParseHostListEntryResponse);
   // The device's outcome code, passed on without interpretation.
-  info.iStatus = kiv::ReadBE32(mDataStream + kOffPayload);
+  info.iStatus = kiv::ReadBE32(mDataStream + kHBN3OffsetPayload);
   return info;
 }
 
 HBNResponseInfo KivHBN3Disassembler::ParseRequestScan() {
-  HBNResponseInfo info =
-      HeaderFields(mDataStream, mLength, kOffPayload + kReportLength, kFnParseRequestScan);
-  info.iTimeStamp = kiv::ReadBE32(mDataStream + kOffTimeStamp);
+  HBNResponseInfo info = HeaderFields(mDataStream, mLength, kHBN3OffsetPayload + kHBN3ReportLength,
+                                      kFnParseRequestScan);
+  info.iTimeStamp = kiv::ReadBE32(mDataStream + kHBN3OffsetTimeStamp);
   // The report is the one field not in network order: least significant byte first.
-  info.iReport = kiv::ReadLE64(mDataStream + kOffPayload);
+  info.iReport = kiv::ReadLE64(mDataStream + kHBN3OffsetPayload);
   return info;
 }
 
@@ -248,8 +236,8 @@ StatCacheResponse KivHBN3Disassembler::ParseStatusCacheResponse() {
     KivHBN3StatusCacheResponsePayload payload(mDataStream + kHBN3HeaderLength,
                                               mLength - kHBN3HeaderLength);
     StatCacheResponse response;
-    response.iPortInfo = kiv::ReadBE32(mDataStream + kOffPortInfo);
-    response.iChannelID = kiv::ReadBE32(mDataStream + kOffChannel);
+    response.iPortInfo = kiv::ReadBE32(mDataStream + kHBN3OffsetPortInfo);
+    response.iChannelID = kiv::ReadBE32(mDataStream + kHBN3OffsetChannel);
     // A cut-short answer (declared length beyond what arrived, or negative) holds no status
     // bytes; the record then tells exactly what it carries: nothing.
     const int held = payload.GetHeldStatusLength();
@@ -344,10 +332,10 @@ UInt32 KivHBN3Disassembler::ReadHCPAnswer(UInt32 iType, KivNetRecord &rec) {
   };
 
   if (iType != kHCPDiscoveryResponse) {
-    if (!kiv::Fits(kOffHCPResult, 1, mLength)) {
+    if (!kiv::Fits(kHCPOffsetResult, 1, mLength)) {
       FailHCP();
     }
-    rec.iResponse = mDataStream[kOffHCPResult];
+    rec.iResponse = mDataStream[kHCPOffsetResult];
     if (rec.iResponse != 0) {
       // The device refused the configuration; its answer carries no addresses to read.
       return 0;

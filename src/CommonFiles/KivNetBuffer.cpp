@@ -1,9 +1,11 @@
 // The message container.
 #include "CommonFiles/KivNetBuffer.h"
 
+#include <climits>
 #include <cstring>
 #include <new>
 
+#include "Common/Constants/KivCommunicationConstants.h"
 #include "CommonFiles/KivWireBytes.h"
 #include "Exceptions/KivWrapperException.h"
 
@@ -51,8 +53,8 @@ int KivNetBuffer::SetBuffer(const unsigned char *buffer, int length) {
   mBuffer = block;
   mBufferLength = length;
   // A message too short to hold a field records 0 for it rather than reading past its end.
-  mHeader = kiv::ReadBE32At(block, length, 0);
-  mCommand = kiv::ReadBE32At(block, length, 16);
+  mHeader = kiv::ReadBE32At(block, length, kHBN3OffsetTag);
+  mCommand = kiv::ReadBE32At(block, length, kHBN3OffsetCommand);
   return mBufferLength;
 }
 
@@ -100,7 +102,8 @@ int KivNetBuffer::InsertIntoBuffer(const unsigned char *buffer, int length) {
   if (buffer == nullptr) {
     Fail(kFnInsertIntoBuffer, BUFFER_NULL);
   }
-  if (length < 0 || (mBufferLength > 0 && length > 0x7FFFFFFF - mBufferLength)) {
+  // The stored length is an int: a sum beyond INT_MAX could not be held.
+  if (length < 0 || (mBufferLength > 0 && length > INT_MAX - mBufferLength)) {
     Fail(kFnInsertIntoBuffer, BUFFER_SIZE_ERROR);
   }
   if (mBuffer != nullptr) {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <new>
 
+#include "Common/Constants/KivCommunicationConstants.h"
 #include "CommonFiles/KivWireBytes.h"
 #include "Exceptions/KivWrapperException.h"
 
@@ -49,14 +50,14 @@ void KivHBN3Header::SetDataHeader(const unsigned char *message, int messageSize)
   if (message == nullptr) {
     Fail(kFnSetDataHeader, BUFFER_NULL);
   }
-  if (messageSize < kHeaderLength) {
+  if (messageSize < kHBN3HeaderLength) {
     Fail(kFnSetDataHeader, BUFFER_SIZE_ERROR);
   }
   // The declared length comes from the peer: it is checked against the bytes that arrived before
   // it sizes anything, so a lying length neither reads past the message nor allocates more than
   // the message holds.
-  const UInt32 dataLength = kiv::ReadBE32(message + kOffDataLength);
-  if (!kiv::Fits(kHeaderLength, dataLength, messageSize)) {
+  const UInt32 dataLength = kiv::ReadBE32(message + kHBN3OffsetDataLength);
+  if (!kiv::Fits(kHBN3HeaderLength, dataLength, messageSize)) {
     Fail(kFnSetDataHeader, BUFFER_SIZE_ERROR);
   }
   unsigned char *block = nullptr;
@@ -65,14 +66,14 @@ void KivHBN3Header::SetDataHeader(const unsigned char *message, int messageSize)
     if (block == nullptr) {
       Fail(kFnSetDataHeader, COPY_ERROR);
     }
-    std::memcpy(block, message + kHeaderLength, dataLength);
+    std::memcpy(block, message + kHBN3HeaderLength, dataLength);
   }
   // Nothing below can fail: the header changes all at once or not at all.
-  mHBN_id = kiv::ReadBE32(message + kOffTag);
-  mPortInfo = kiv::ReadBE32(message + kOffPortInfo);
-  mChannelID = kiv::ReadBE32(message + kOffChannel);
-  mTimeStamp = kiv::ReadBE32(message + kOffTimeStamp);
-  mCommand = kiv::ReadBE32(message + kOffCommand);
+  mHBN_id = kiv::ReadBE32(message + kHBN3OffsetTag);
+  mPortInfo = kiv::ReadBE32(message + kHBN3OffsetPortInfo);
+  mChannelID = kiv::ReadBE32(message + kHBN3OffsetChannel);
+  mTimeStamp = kiv::ReadBE32(message + kHBN3OffsetTimeStamp);
+  mCommand = kiv::ReadBE32(message + kHBN3OffsetCommand);
   mDataLength = dataLength;
   delete[] mPayload;
   mPayload = block;
@@ -83,24 +84,24 @@ void KivHBN3Header::GetDataHeader(unsigned char *dataHeader, int dataHeaderlen) 
   if (dataHeader == nullptr) {
     Fail(kFnGetDataHeader, BUFFER_NULL);
   }
-  if (dataHeaderlen < kHeaderLength) {
+  if (dataHeaderlen < kHBN3HeaderLength) {
     Fail(kFnGetDataHeader, BUFFER_SIZE_ERROR);
   }
-  kiv::WriteBE32(dataHeader + kOffTag, mHBN_id);
-  kiv::WriteBE32(dataHeader + kOffPortInfo, mPortInfo);
-  kiv::WriteBE32(dataHeader + kOffChannel, mChannelID);
-  kiv::WriteBE32(dataHeader + kOffTimeStamp, mTimeStamp);
-  kiv::WriteBE32(dataHeader + kOffCommand, mCommand);
-  kiv::WriteBE32(dataHeader + kOffDataLength, mDataLength);
+  kiv::WriteBE32(dataHeader + kHBN3OffsetTag, mHBN_id);
+  kiv::WriteBE32(dataHeader + kHBN3OffsetPortInfo, mPortInfo);
+  kiv::WriteBE32(dataHeader + kHBN3OffsetChannel, mChannelID);
+  kiv::WriteBE32(dataHeader + kHBN3OffsetTimeStamp, mTimeStamp);
+  kiv::WriteBE32(dataHeader + kHBN3OffsetCommand, mCommand);
+  kiv::WriteBE32(dataHeader + kHBN3OffsetDataLength, mDataLength);
 }
 
 void KivHBN3Header::GetDataStream(unsigned char *dataStream, int dataStreamlen) {
   // A short room is answered by writing nothing, not by an exception: builders size the room
   // from GetPayloadSize() and callers rely on the silence.
-  if (!kiv::Fits(kHeaderLength, mDataLength, dataStreamlen)) {
+  if (!kiv::Fits(kHBN3HeaderLength, mDataLength, dataStreamlen)) {
     return;
   }
-  GetDataHeader(dataStream, kHeaderLength);
+  GetDataHeader(dataStream, kHBN3HeaderLength);
   if (mPayload != nullptr) {
     GetPayload(dataStream, static_cast<int>(mDataLength));
   }
@@ -117,6 +118,6 @@ void KivHBN3Header::GetPayload(unsigned char *dataPayload, int dataPayloadlen) c
   const long long count =
       mPayloadSize < static_cast<long long>(mDataLength) ? mPayloadSize : mDataLength;
   if (count > 0) {
-    std::memcpy(dataPayload + kHeaderLength, mPayload, static_cast<size_t>(count));
+    std::memcpy(dataPayload + kHBN3HeaderLength, mPayload, static_cast<size_t>(count));
   }
 }

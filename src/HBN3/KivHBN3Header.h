@@ -22,17 +22,6 @@ public:
   static constexpr UInt32 kFnGetDataHeader = 0x600;
   static constexpr UInt32 kFnGetPayload = 0x900;
 
-  // Bytes of the header itself; the payload starts at this offset.
-  static constexpr int kHeaderLength = 24;
-
-  // Offsets of the six big-endian header fields, for every reader of HBN3 messages.
-  static constexpr int kOffTag = 0;
-  static constexpr int kOffPortInfo = 4;
-  static constexpr int kOffChannel = 8;
-  static constexpr int kOffTimeStamp = 12;
-  static constexpr int kOffCommand = 16;
-  static constexpr int kOffDataLength = 20;
-
   // A header without payload (data length 0).
   KivHBN3Header(UInt32 hbna_id, UInt32 portInfo, UInt32 channelID, UInt32 timeStamp,
                 UInt32 command);

@@ -103,9 +103,8 @@ KivHBN3StatusCacheResponsePayload::KivHBN3StatusCacheResponsePayload(const unsig
   }
   std::memcpy(mAdapterUAA, data + kOffAdapterUAA, kAdapterUAALength);
   std::memcpy(mReserved, data + kOffReserved, kReservedLength);
-  // The address stays in network order, exactly as it arrived, so it is copied and not read as a
-  // number.
-  std::memcpy(&mIPAddress, data + kOffIPAddress, sizeof mIPAddress);
+  // The address stays in network order, exactly as it arrived.
+  mIPAddress = kiv::ReadNetworkOrder32(data + kOffIPAddress);
   mPayloadLength = static_cast<int>(kiv::ReadBE32(data + kOffStatusLength));
 
   // A declared length that is negative or runs past the bytes that arrived describes no complete

@@ -1,8 +1,6 @@
 // The HCP configuration message and its text record.
 #include "HCP/KivHCPConfigHeader.h"
 
-#include <arpa/inet.h>
-
 #include <climits>
 #include <cstring>
 #include <new>
@@ -31,6 +29,8 @@ constexpr int kOffsetDestIP = 22;
 constexpr int kOffsetCommand = 26;
 constexpr int kOffsetPasswordLength = 28;
 constexpr int kOffsetPassword = 30;
+// The record's length, a 32-bit field after the password.
+constexpr int kRecordLengthSize = 4;
 
 constexpr UInt16 kDefaultVersion = 1;
 
@@ -213,9 +213,8 @@ void KivHCPConfigHeader::GetDataHeader(unsigned char *dataHeader, int dataHeader
   kiv::WriteBE16(dataHeader + kOffsetVersion, mVersion);
   std::memcpy(dataHeader + kOffsetDestMac, mMacDestAddr, sizeof(mMacDestAddr));
   std::memcpy(dataHeader + kOffsetSourceMac, mMacSourceAddr, sizeof(mMacSourceAddr));
-  // The addresses are held in network order; as numbers they go out first octet first.
-  kiv::WriteBE32(dataHeader + kOffsetSourceIP, ntohl(mSourceIP));
-  kiv::WriteBE32(dataHeader + kOffsetDestIP, ntohl(mDestIP));
+  kiv::WriteNetworkOrder32(dataHeader + kOffsetSourceIP, mSourceIP);
+  kiv::WriteNetworkOrder32(dataHeader + kOffsetDestIP, mDestIP);
   kiv::WriteBE16(dataHeader + kOffsetCommand, mCommand);
   kiv::WriteBE16(dataHeader + kOffsetPasswordLength, mPasswordLength);
   if (mPasswordLength != 0) {
@@ -224,6 +223,7 @@ void KivHCPConfigHeader::GetDataHeader(unsigned char *dataHeader, int dataHeader
   const int recordLengthOffset = kOffsetPassword + mPasswordLength;
   kiv::WriteBE32(dataHeader + recordLengthOffset, mTxtRecordLegth);
   if (mTxtRecordLegth != 0) {
-    std::memcpy(dataHeader + recordLengthOffset + 4, mConfigTextRecord.get(), mTxtRecordLegth);
+    std::memcpy(dataHeader + recordLengthOffset + kRecordLengthSize, mConfigTextRecord.get(),
+                mTxtRecordLegth);
   }
 }

@@ -22,7 +22,7 @@ const Bytes kCarrying = Hex("48424E33 00000001 00000002 00000003 00000004 000000
 
 // The whole message a header writes, into a room of exactly 24 + its data length.
 Bytes Stream(KivHBN3Header &header) {
-  Bytes out(static_cast<size_t>(KivHBN3Header::kHeaderLength + header.GetPayloadSize()), 0xEE);
+  Bytes out(static_cast<size_t>(kHBN3HeaderLength + header.GetPayloadSize()), 0xEE);
   header.GetDataStream(out.data(), Size(out));
   return out;
 }
