@@ -4,8 +4,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <new>
+#include <utility>
 
+#include "CommonFiles/KivOwnedBlock.h"
 #include "CommonFiles/KivWireBytes.h"
 #include "Exceptions/KivWrapperException.h"
 #include "HBN3/KivHBN3PayLoad.h"
@@ -132,13 +133,13 @@ std::string ConvertMacUaa(const std::string &value) {
 } // namespace
 
 KivHBN3Disassembler::KivHBN3Disassembler()
-    : mHeaderType(0), mCommand(0), mLength(0), mDataStream(nullptr), mAddressState(false) {}
+    : mHeaderType(0), mCommand(0), mLength(0), mDataStream(), mAddressState(false) {}
 
 KivHBN3Disassembler::KivHBN3Disassembler(KivNetBuffer &msgObject) : KivHBN3Disassembler() {
   SetMessage(&msgObject);
 }
 
-KivHBN3Disassembler::~KivHBN3Disassembler() { delete[] mDataStream; }
+KivHBN3Disassembler::~KivHBN3Disassembler() = default;
 
 void KivHBN3Disassembler::SetMessage(KivNetBuffer *msgObject) {
   if (msgObject == nullptr) {
@@ -148,32 +149,20 @@ void KivHBN3Disassembler::SetMessage(KivNetBuffer *msgObject) {
   if (length < 0) {
     throw KivWrapperException(kClassHBN3Disassembler, kFnSetMessage, COPY_ERROR);
   }
-  // The new copy is complete before the old one goes, so a failure keeps the earlier message.
-  // new[] of 0 bytes still gives a block, which GetBuffer needs for an empty container.
-  unsigned char *copy = new (std::nothrow) unsigned char[static_cast<size_t>(length)];
-  if (copy == nullptr) {
-    throw KivWrapperException(kClassHBN3Disassembler, kFnSetMessage, COPY_ERROR);
-  }
-  try {
-    msgObject->GetBuffer(copy, length);
-  } catch (const KivWrapperException &) {
-    delete[] copy;
-    throw;
-  } catch (...) {
-    delete[] copy;
-    throw KivWrapperException(kClassHBN3Disassembler, kFnSetMessage, COPY_ERROR);
-  }
-  delete[] mDataStream;
-  mDataStream = copy;
+  // The new copy is complete before the old one goes, so a failure keeps the earlier message. An
+  // empty container still gives a block, so the parser never holds a null message once it has
+  // one.
+  mDataStream = kiv::CopyToBlock(msgObject->GetBufferRef(), static_cast<size_t>(length),
+                                 kClassHBN3Disassembler, kFnSetMessage);
   mLength = length;
 
   // Classification reads only what arrived: a field the message is too short for reads as 0,
   // as in the container. The parse operations check their own fields.
-  mHeaderType = kiv::ReadBE32At(mDataStream, mLength, kHBN3OffsetTag);
+  mHeaderType = kiv::ReadBE32At(mDataStream.get(), mLength, kHBN3OffsetTag);
   if (mHeaderType == kHeaderTypeHCP1) {
-    mCommand = kiv::ReadBE32At(mDataStream, mLength, kHCPOffsetCommand);
+    mCommand = kiv::ReadBE32At(mDataStream.get(), mLength, kHCPOffsetCommand);
   } else if (mHeaderType == kHeaderTypeHBN3) {
-    mCommand = kiv::ReadBE32At(mDataStream, mLength, kHBN3OffsetCommand);
+    mCommand = kiv::ReadBE32At(mDataStream.get(), mLength, kHBN3OffsetCommand);
   }
 }
 
@@ -197,34 +186,36 @@ HBNResponseInfo HeaderFields(const unsigned char *message, int length, int neede
 } // namespace
 
 HBNResponseInfo KivHBN3Disassembler::ParsePingResponse() {
-  HBNResponseInfo info = HeaderFields(mDataStream, mLength, kHBN3OffsetCommand + kHBN3FieldLength,
-                                      kFnParsePingResponse);
-  info.iStatus = kiv::ReadBE32(mDataStream + kHBN3OffsetCommand) == kCmdPingReply ? 1 : 0;
+  HBNResponseInfo info = HeaderFields(mDataStream.get(), mLength,
+                                      kHBN3OffsetCommand + kHBN3FieldLength, kFnParsePingResponse);
+  info.iStatus = kiv::ReadBE32(mDataStream.get() + kHBN3OffsetCommand) == kCmdPingReply ? 1 : 0;
   return info;
 }
 
 HBNResponseInfo KivHBN3Disassembler::ParseRequestScanResponse() {
-  HBNResponseInfo info = HeaderFields(mDataStream, mLength, kHBN3OffsetCommand + kHBN3FieldLength,
-                                      kFnParseRequestScanResponse);
-  info.iStatus = kiv::ReadBE32(mDataStream + kHBN3OffsetCommand) == kCmdRequestScanReply ? 1 : 0;
+  HBNResponseInfo info =
+      HeaderFields(mDataStream.get(), mLength, kHBN3OffsetCommand + kHBN3FieldLength,
+                   kFnParseRequestScanResponse);
+  info.iStatus =
+      kiv::ReadBE32(mDataStream.get() + kHBN3OffsetCommand) == kCmdRequestScanReply ? 1 : 0;
   return info;
 }
 
 HBNResponseInfo KivHBN3Disassembler::ParseHostListEntryResponse() {
   HBNResponseInfo info =
-      HeaderFields(mDataStream, mLength, kHBN3OffsetPayload + kHostListStatusLength,
+      HeaderFields(mDataStream.get(), mLength, kHBN3OffsetPayload + kHostListStatusLength,
                    kFnParseHostListEntryResponse);
   // The device's outcome code, passed on without interpretation.
-  info.iStatus = kiv::ReadBE32(mDataStream + kHBN3OffsetPayload);
+  info.iStatus = kiv::ReadBE32(mDataStream.get() + kHBN3OffsetPayload);
   return info;
 }
 
 HBNResponseInfo KivHBN3Disassembler::ParseRequestScan() {
-  HBNResponseInfo info = HeaderFields(mDataStream, mLength, kHBN3OffsetPayload + kHBN3ReportLength,
-                                      kFnParseRequestScan);
-  info.iTimeStamp = kiv::ReadBE32(mDataStream + kHBN3OffsetTimeStamp);
+  HBNResponseInfo info = HeaderFields(mDataStream.get(), mLength,
+                                      kHBN3OffsetPayload + kHBN3ReportLength, kFnParseRequestScan);
+  info.iTimeStamp = kiv::ReadBE32(mDataStream.get() + kHBN3OffsetTimeStamp);
   // The report is the one field not in network order: least significant byte first.
-  info.iReport = kiv::ReadLE64(mDataStream + kHBN3OffsetPayload);
+  info.iReport = kiv::ReadLE64(mDataStream.get() + kHBN3OffsetPayload);
   return info;
 }
 
@@ -233,11 +224,11 @@ StatCacheResponse KivHBN3Disassembler::ParseStatusCacheResponse() {
     if (!kiv::Fits(0, kHBN3HeaderLength, mLength)) {
       throw KivWrapperException(kClassHBN3Disassembler, kFnParseStatusCacheResponse, COPY_ERROR);
     }
-    KivHBN3StatusCacheResponsePayload payload(mDataStream + kHBN3HeaderLength,
+    KivHBN3StatusCacheResponsePayload payload(mDataStream.get() + kHBN3HeaderLength,
                                               mLength - kHBN3HeaderLength);
     StatCacheResponse response;
-    response.iPortInfo = kiv::ReadBE32(mDataStream + kHBN3OffsetPortInfo);
-    response.iChannelID = kiv::ReadBE32(mDataStream + kHBN3OffsetChannel);
+    response.iPortInfo = kiv::ReadBE32(mDataStream.get() + kHBN3OffsetPortInfo);
+    response.iChannelID = kiv::ReadBE32(mDataStream.get() + kHBN3OffsetChannel);
     // A cut-short answer (declared length beyond what arrived, or negative) holds no status
     // bytes; the record then tells exactly what it carries: nothing.
     const int held = payload.GetHeldStatusLength();
@@ -314,9 +305,10 @@ UInt32 KivHBN3Disassembler::ParseHCPResponse(UInt32 iType, KivNetRecord &recDisc
 UInt32 KivHBN3Disassembler::ReadHCPAnswer(UInt32 iType, KivNetRecord &rec) {
   // The answer is searched as a whole, zero bytes included: a text record's length bytes and the
   // DNS header around it may hold anything.
-  const std::string text = mLength > 0 ? std::string(reinterpret_cast<const char *>(mDataStream),
-                                                     static_cast<size_t>(mLength))
-                                       : std::string();
+  const std::string text = mLength > 0
+                               ? std::string(reinterpret_cast<const char *>(mDataStream.get()),
+                                             static_cast<size_t>(mLength))
+                               : std::string();
   const size_t npos = std::string::npos;
   const size_t posIPAddress = text.find(kKeyIPAddress);
   const size_t posIPNetMask = text.find(kKeyIPNetMask);

@@ -2,10 +2,10 @@
 #include "HBN3/KivHBN3Header.h"
 
 #include <cstring>
-#include <memory>
-#include <new>
+#include <utility>
 
 #include "Common/Constants/KivCommunicationConstants.h"
+#include "CommonFiles/KivOwnedBlock.h"
 #include "CommonFiles/KivWireBytes.h"
 #include "Exceptions/KivWrapperException.h"
 
@@ -20,7 +20,7 @@ namespace {
 KivHBN3Header::KivHBN3Header(UInt32 hbna_id, UInt32 portInfo, UInt32 channelID, UInt32 timeStamp,
                              UInt32 command)
     : mHBN_id(hbna_id), mPortInfo(portInfo), mChannelID(channelID), mTimeStamp(timeStamp),
-      mCommand(command), mDataLength(0), mPayload(nullptr), mPayloadSize(0) {}
+      mCommand(command), mDataLength(0), mPayload(), mPayloadSize(0) {}
 
 KivHBN3Header::KivHBN3Header(UInt32 hbna_id, UInt32 portInfo, UInt32 channelID, UInt32 timeStamp,
                              UInt32 command, KivPayload &payload)
@@ -32,9 +32,11 @@ KivHBN3Header::KivHBN3Header(UInt32 hbna_id, UInt32 portInfo, UInt32 channelID, 
   }
   // Zero-filled, so a payload that writes fewer bytes than it states leaves no stale memory in
   // the message. The block is released here if the payload throws.
-  std::unique_ptr<unsigned char[]> block(new unsigned char[static_cast<size_t>(length)]());
+  const size_t size = static_cast<size_t>(length);
+  kiv::OwnedBlock block = kiv::NewBlock(size, kClassHBN3Header, kFnConstructor);
+  std::memset(block.get(), 0, size);
   payload.GetDataPayload(block.get(), length);
-  mPayload = block.release();
+  mPayload = std::move(block);
   mPayloadSize = length;
   mDataLength = static_cast<UInt32>(length);
 }
@@ -44,7 +46,7 @@ KivHBN3Header::KivHBN3Header(const unsigned char *message, int messageSize)
   SetDataHeader(message, messageSize);
 }
 
-KivHBN3Header::~KivHBN3Header() { delete[] mPayload; }
+KivHBN3Header::~KivHBN3Header() = default;
 
 void KivHBN3Header::SetDataHeader(const unsigned char *message, int messageSize) {
   if (message == nullptr) {
@@ -60,13 +62,10 @@ void KivHBN3Header::SetDataHeader(const unsigned char *message, int messageSize)
   if (!kiv::Fits(kHBN3HeaderLength, dataLength, messageSize)) {
     Fail(kFnSetDataHeader, BUFFER_SIZE_ERROR);
   }
-  unsigned char *block = nullptr;
+  kiv::OwnedBlock block;
   if (dataLength > 0) {
-    block = new (std::nothrow) unsigned char[dataLength];
-    if (block == nullptr) {
-      Fail(kFnSetDataHeader, COPY_ERROR);
-    }
-    std::memcpy(block, message + kHBN3HeaderLength, dataLength);
+    block = kiv::CopyToBlock(message + kHBN3HeaderLength, dataLength, kClassHBN3Header,
+                             kFnSetDataHeader);
   }
   // Nothing below can fail: the header changes all at once or not at all.
   mHBN_id = kiv::ReadBE32(message + kHBN3OffsetTag);
@@ -75,8 +74,7 @@ void KivHBN3Header::SetDataHeader(const unsigned char *message, int messageSize)
   mTimeStamp = kiv::ReadBE32(message + kHBN3OffsetTimeStamp);
   mCommand = kiv::ReadBE32(message + kHBN3OffsetCommand);
   mDataLength = dataLength;
-  delete[] mPayload;
-  mPayload = block;
+  mPayload = std::move(block);
   mPayloadSize = static_cast<int>(dataLength);
 }
 
@@ -118,6 +116,6 @@ void KivHBN3Header::GetPayload(unsigned char *dataPayload, int dataPayloadlen) c
   const long long count =
       mPayloadSize < static_cast<long long>(mDataLength) ? mPayloadSize : mDataLength;
   if (count > 0) {
-    std::memcpy(dataPayload + kHBN3HeaderLength, mPayload, static_cast<size_t>(count));
+    std::memcpy(dataPayload + kHBN3HeaderLength, mPayload.get(), static_cast<size_t>(count));
   }
 }

@@ -3,9 +3,10 @@
 
 #include <climits>
 #include <cstring>
-#include <new>
+#include <utility>
 
 #include "Common/Constants/KivCommunicationConstants.h"
+#include "CommonFiles/KivOwnedBlock.h"
 #include "CommonFiles/KivWireBytes.h"
 #include "Exceptions/KivWrapperException.h"
 #include "HelperFiles/KivNetHelperUtils.h"
@@ -42,15 +43,6 @@ unsigned char *WriteLine(unsigned char *out, const char *key, const std::string 
   out += value.size();
   *out = kEndOfLine;
   return out + 1;
-}
-
-// A new copy of `length` bytes (length > 0), or null when there is no memory.
-std::unique_ptr<unsigned char[]> CopyOf(const unsigned char *source, UInt32 length) {
-  std::unique_ptr<unsigned char[]> copy(new (std::nothrow) unsigned char[length]);
-  if (copy) {
-    std::memcpy(copy.get(), source, length);
-  }
-  return copy;
 }
 
 } // namespace
@@ -169,12 +161,9 @@ void KivHCPConfigHeader::SetEncryptedPassword(const unsigned char *password, UIn
   if (passwordlen > kMaxPasswordLength || (passwordlen != 0 && password == nullptr)) {
     throw KivWrapperException(kClassHCPConfigHeader, kFnSetEncryptedPassword, COPY_ERROR);
   }
-  std::unique_ptr<unsigned char[]> copy;
+  kiv::OwnedBlock copy;
   if (passwordlen != 0) {
-    copy = CopyOf(password, passwordlen);
-    if (!copy) {
-      throw KivWrapperException(kClassHCPConfigHeader, kFnSetEncryptedPassword, COPY_ERROR);
-    }
+    copy = kiv::CopyToBlock(password, passwordlen, kClassHCPConfigHeader, kFnSetEncryptedPassword);
   }
   mEncryptedPassword = std::move(copy);
   mPasswordLength = static_cast<UInt16>(passwordlen);
@@ -187,12 +176,10 @@ void KivHCPConfigHeader::SetConfigTextRecord(const unsigned char *configtxtrec,
   if (configtxtreclen > longest || (configtxtreclen != 0 && configtxtrec == nullptr)) {
     throw KivWrapperException(kClassHCPConfigHeader, kFnSetConfigTextRecord, COPY_ERROR);
   }
-  std::unique_ptr<unsigned char[]> copy;
+  kiv::OwnedBlock copy;
   if (configtxtreclen != 0) {
-    copy = CopyOf(configtxtrec, configtxtreclen);
-    if (!copy) {
-      throw KivWrapperException(kClassHCPConfigHeader, kFnSetConfigTextRecord, COPY_ERROR);
-    }
+    copy = kiv::CopyToBlock(configtxtrec, configtxtreclen, kClassHCPConfigHeader,
+                            kFnSetConfigTextRecord);
   }
   mConfigTextRecord = std::move(copy);
   mTxtRecordLegth = configtxtreclen;
