@@ -71,155 +71,118 @@ using namespace kivtest;
 constexpr int kRefused = 4099;
 
 // Refuses array blocks of `size` bytes while it lives.
-class RefuseBlocksOf {
-public:
+struct RefuseBlocksOf {
   explicit RefuseBlocksOf(size_t size) { gRefusedSize = size; }
   ~RefuseBlocksOf() { gRefusedSize = 0; }
-  RefuseBlocksOf(const RefuseBlocksOf &) = delete;
-  RefuseBlocksOf &operator=(const RefuseBlocksOf &) = delete;
 };
 
-// The code `operation` throws while blocks of `size` bytes are refused.
-UInt32 CodeWithout(size_t size, const std::function<void()> &operation) {
-  RefuseBlocksOf refuse(size);
-  return CodeOf(operation);
+// `operation` while blocks of `size` bytes are refused.
+std::function<void()> Without(size_t size, const std::function<void()> &operation) {
+  return [size, operation] {
+    RefuseBlocksOf refuse(size);
+    operation();
+  };
 }
 
 Bytes Contents(const KivNetBuffer &buffer) {
   return Bytes(buffer.GetBufferRef(), buffer.GetBufferRef() + buffer.GetBufferLength());
 }
 
-// An HBN3 message of `length` bytes whose header declares the rest as payload.
-Bytes Hbn3Message(int length, unsigned char fill) {
-  Bytes message(static_cast<size_t>(length), fill);
-  const Bytes header = Hex("48424E33 00000001 00000002 00000003 00000004");
-  std::copy(header.begin(), header.end(), message.begin());
-  const UInt32 payload = static_cast<UInt32>(length - kHBN3HeaderLength);
-  for (int i = 0; i < 4; ++i) {
-    message[static_cast<size_t>(kHBN3OffsetDataLength + i)] =
-        static_cast<unsigned char>(payload >> (24 - 8 * i));
-  }
-  return message;
+// An HBN3 message of 24 + `payload` bytes of `fill` that declares them.
+Bytes Hbn3Message(UInt32 payload, unsigned char fill) {
+  return Join(
+      {Hex("48424E33 00000001 00000000 00000000 80000003"),
+       Bytes{UInt8(payload >> 24), UInt8(payload >> 16), UInt8(payload >> 8), UInt8(payload)},
+       Bytes(payload, fill)});
 }
 
 // A payload of kRefused bytes.
-class LargePayload : public KivPayload {
-public:
+struct LargePayload : KivPayload {
   int GetPayloadLength() override { return kRefused; }
   void GetDataPayload(unsigned char *dataPayload, int payloadlen) override {
     std::fill(dataPayload, dataPayload + payloadlen, 0x5A);
   }
 };
 
-TEST(OutOfMemory, ContainerRefusesAndStaysAsDocumented) {
-  const Bytes large(kRefused, 0x11), small = Hex("48424E33 0102");
-  Bytes out(kRefused, 0xEE);
-  KivNetBuffer buffer;
-  KivNetBufferStorageGuard release(buffer);
-
-  // SetBuffer leaves the container empty.
-  buffer.SetBuffer(small.data(), 6);
-  EXPECT_EQ(CodeWithout(kRefused, [&] { buffer.SetBuffer(large.data(), kRefused); }), 0x805A3u);
-  EXPECT_EQ(buffer.GetBufferRef(), nullptr);
-  EXPECT_EQ(buffer.GetBufferLength(), 0);
-
-  // Inserting into an empty container leaves it empty; appending leaves the content as it was.
-  EXPECT_EQ(CodeWithout(kRefused, [&] { buffer.InsertIntoBuffer(large.data(), kRefused); }),
-            0x80CA3u);
-  EXPECT_EQ(buffer.GetBufferRef(), nullptr);
-  buffer.SetBuffer(small.data(), 6);
-  EXPECT_EQ(CodeWithout(kRefused, [&] { buffer.InsertIntoBuffer(large.data(), kRefused - 6); }),
-            0x80CA3u);
-  EXPECT_EQ(Contents(buffer), small);
-
-  // A partial extraction leaves the content and the destination as they were.
-  buffer.SetBuffer(large.data(), kRefused);
-  buffer.InsertIntoBuffer(small.data(), 6);
-  EXPECT_EQ(CodeWithout(kRefused, [&] { buffer.ExtractFromBuffer(out.data(), 6); }), 0x80BA3u);
-  EXPECT_EQ(Contents(buffer), Join({large, small}));
-  EXPECT_EQ(out, Bytes(kRefused, 0xEE));
-}
-
-TEST(OutOfMemory, HeaderAndPayloadsRefuseTheirCopies) {
-  const Bytes small = Hbn3Message(26, 0x22), large = Hbn3Message(kHBN3HeaderLength + kRefused, 0);
-  KivHBN3Header header(small.data(), static_cast<int>(small.size()));
-  LargePayload payload;
-  Bytes name(256, 'n');
-  name[0] = static_cast<unsigned char>(255);
-  const unsigned char id[6] = {};
-  Bytes status = Join({Hex("0004000A1B2C 0000 C0A80114 00001003"), Bytes(kRefused, 0x33)});
-
-  ExpectCodes({
-      {"header from a payload",
-       [&] {
-         RefuseBlocksOf refuse(kRefused);
-         KivHBN3Header built(0x48424E33, 1, 2, 3, 4, payload);
-       },
-       0x101A3},
-      {"header parse",
-       [&] {
-         RefuseBlocksOf refuse(kRefused);
-         header.SetDataHeader(large.data(), static_cast<int>(large.size()));
-       },
-       0x105A3},
-      {"host-list name",
-       [&] {
-         RefuseBlocksOf refuse(255);
-         KivHBN3ScanHostPayLoad p(1, "", id, 0, reinterpret_cast<const char *>(name.data()));
-       },
-       0x201A3},
-      {"status bytes",
-       [&] {
-         RefuseBlocksOf refuse(kRefused);
-         KivHBN3StatusCacheResponsePayload p(status.data(), static_cast<int>(status.size()));
-       },
-       0x301A3},
-  });
-  // The header keeps the message it held.
-  Bytes written(small.size());
-  header.GetDataStream(written.data(), static_cast<int>(written.size()));
-  EXPECT_EQ(written, small);
-}
-
-TEST(OutOfMemory, ConfigurationMessageRefusesPasswordAndRecordCopies) {
+// Each member that keeps a block, its code when the block cannot be had, and the state it then
+// leaves: a container emptied by SetBuffer (and so still empty after the insertion that follows)
+// and unchanged otherwise, a header, a parser and a configuration message that keep what they
+// held.
+TEST(OutOfMemory, EachMemberGivesItsCopyErrorAndKeepsItsDocumentedState) {
   const FakeHostPlatform host("192.168.1.10", "255.255.255.0", "192.168.1.1");
   kiv::HostPlatformOverrideScope scope(host);
-  KivHCPConfigHeader header;
-  header.SetEncryptedPassword(reinterpret_cast<const unsigned char *>("abc"), 3);
-  const Bytes large(kRefused, 0x44);
+  const Bytes large(kRefused, 0x11), small = Hbn3Message(4, 0x22),
+                                     message = Hbn3Message(kRefused, 0x55);
+  Bytes out(6, 0xEE), name(256, 'n');
+  name[0] = static_cast<unsigned char>(255);
+  const Bytes status = Join({Hex("0004000A1B2C 0000 C0A80114 00001003"), large});
+  const unsigned char id[6] = {};
+  KivNetBuffer emptied, holding, joined, received;
+  KivNetBufferStorageGuard g1(emptied), g2(holding), g3(joined), g4(received);
+  emptied.SetBuffer(small.data(), 28);
+  holding.SetBuffer(small.data(), 28);
+  joined.SetBuffer(large.data(), kRefused);
+  joined.InsertIntoBuffer(small.data(), 6);
+  received.SetBuffer(message.data(), static_cast<int>(message.size()));
+  KivHBN3Header header(small.data(), 28);
+  KivHBN3Disassembler parser(holding);
+  KivHCPConfigHeader configuration;
+  configuration.SetEncryptedPassword(small.data(), 3);
+  LargePayload payload;
   ExpectCodes({
+      {"SetBuffer", Without(kRefused, [&] { emptied.SetBuffer(large.data(), kRefused); }), 0x805A3},
+      {"Insert into empty",
+       Without(kRefused, [&] { emptied.InsertIntoBuffer(large.data(), kRefused); }), 0x80CA3},
+      {"Insert", Without(kRefused, [&] { holding.InsertIntoBuffer(large.data(), kRefused - 28); }),
+       0x80CA3},
+      {"Extract", Without(kRefused, [&] { joined.ExtractFromBuffer(out.data(), 6); }), 0x80BA3},
+      {"header from a payload",
+       Without(kRefused, [&] { KivHBN3Header(0x48424E33, 1, 2, 3, 4, payload); }), 0x101A3},
+      {"header parse",
+       Without(kRefused, [&] { header.SetDataHeader(message.data(), kRefused + 24); }), 0x105A3},
+      {"host-list name",
+       Without(255,
+               [&] {
+                 KivHBN3ScanHostPayLoad p(1, "", id, 0,
+                                          reinterpret_cast<const char *>(name.data()));
+               }),
+       0x201A3},
+      {"status bytes",
+       Without(kRefused,
+               [&] {
+                 KivHBN3StatusCacheResponsePayload p(status.data(),
+                                                     static_cast<int>(status.size()));
+               }),
+       0x301A3},
       {"password",
-       [&] {
-         RefuseBlocksOf refuse(kRefused);
-         header.SetEncryptedPassword(large.data(), kRefused);
-       },
+       Without(kRefused, [&] { configuration.SetEncryptedPassword(large.data(), kRefused); }),
        0x409A3},
       {"record",
-       [&] {
-         RefuseBlocksOf refuse(kRefused);
-         header.SetConfigTextRecord(large.data(), kRefused);
-       },
+       Without(kRefused, [&] { configuration.SetConfigTextRecord(large.data(), kRefused); }),
        0x40AA3},
+      {"parser", Without(kRefused + 24, [&] { parser.SetMessage(&received); }), 0x704A3},
   });
-  EXPECT_EQ(header.GetHeaderLength(), KivHCPConfigHeader::kFixedLength + 3);
+  EXPECT_EQ(emptied.GetBufferRef(), nullptr);
+  EXPECT_EQ(Contents(holding), small);
+  EXPECT_EQ(Contents(joined), Join({large, Bytes(small.begin(), small.begin() + 6)}));
+  EXPECT_EQ(out, Bytes(6, 0xEE));
+  Bytes written(28);
+  header.GetDataStream(written.data(), 28);
+  EXPECT_EQ(written, small);
+  EXPECT_EQ(configuration.GetHeaderLength(), KivHCPConfigHeader::kFixedLength + 3);
+  EXPECT_EQ(parser.ParseHostListEntryResponse().iStatus, 0x22222222u);
 }
 
-TEST(OutOfMemory, ParserKeepsItsEarlierMessageAndTheBoundaryGivesTheCode) {
-  const Bytes ping = Hex("48424E33 00000001 00000000 00000000 80000003 00000000");
-  const Bytes large = Hbn3Message(kRefused, 0x55);
-  KivNetBuffer first, second;
-  KivNetBufferStorageGuard releaseFirst(first), releaseSecond(second);
-  first.SetBuffer(ping.data(), static_cast<int>(ping.size()));
-  second.SetBuffer(large.data(), kRefused);
-  KivHBN3Disassembler parser(first);
-  EXPECT_EQ(CodeWithout(kRefused, [&] { parser.SetMessage(&second); }), 0x704A3u);
-  EXPECT_EQ(parser.ParsePingResponse().iStatus, 1u);
-
-  // Through the exported function: the parser's code, and the caller's record unchanged.
+// Through an exported function: the parser's code, and the caller's record unchanged.
+TEST(OutOfMemory, BoundaryGivesTheMembersCode) {
+  const Bytes message = Hbn3Message(kRefused, 0x55);
+  KivNetBuffer received;
+  KivNetBufferStorageGuard release(received);
+  received.SetBuffer(message.data(), static_cast<int>(message.size()));
   StatCacheResponse record;
   record.strPayload = "old";
-  RefuseBlocksOf refuse(kRefused);
-  EXPECT_EQ(ParseStatusCacheResponse(0x48424E33, &second, record), 0x0A0704A3u);
+  RefuseBlocksOf refuse(message.size());
+  EXPECT_EQ(ParseStatusCacheResponse(0x48424E33, &received, record), 0x0A0704A3u);
   EXPECT_EQ(record.strPayload, "old");
 }
 
