@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -223,6 +225,24 @@ TEST_F(UdpSocketFunctions, ReceiveTimesOutWritingNothing) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
   EXPECT_EQ(std::to_string(pair.count) + " " + pair.from->GetIPAddress(), "-77 kept");
   EXPECT_EQ(pair.inbox.bytes(), Bytes());
+}
+
+// A signal that interrupts a waiting receive ends it with the receive's code: the time-out is not
+// started again.
+TEST_F(UdpSocketFunctions, InterruptedReceiveIsReportedNotRetried) {
+  LoopbackPair pair;
+  ASSERT_EQ(SetSocketOptions(pair.receiver.get(), 0, TIME_OUT, 30), 0u);
+  struct sigaction handler = {}, saved = {};
+  handler.sa_handler = [](int) {};
+  ::sigemptyset(&handler.sa_mask);
+  ::sigaction(SIGALRM, &handler, &saved);
+  ::alarm(1);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(pair.Receive(pair.receiver.get()), 0x0A0000B6u);
+  const auto waited = std::chrono::steady_clock::now() - start;
+  ::alarm(0);
+  ::sigaction(SIGALRM, &saved, nullptr);
+  EXPECT_LT(waited, std::chrono::seconds(20)) << "the 30-second time-out ran out instead";
 }
 
 TEST_F(UdpSocketFunctions, BindToATakenPortFails) {
