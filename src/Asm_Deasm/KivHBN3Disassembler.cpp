@@ -249,7 +249,7 @@ namespace {
 
 // How the value of an HCP item is read.
 enum class HcpRule {
-  kAddress,     // the item value rules in address mode
+  kAddress,     // the item value rules (getValue) in address mode
   kText,        // the item value rules
   kMacUaa,      // the item value rules, then the MAC conversion
   kYesNo,       // the first value byte only
@@ -353,6 +353,7 @@ private:
     return mParser.getValue(mText, static_cast<int>(start));
   }
 
+  // The value of one of the record's own items, read by its rule.
   std::string RecordValue(const HcpItem &item, size_t start) {
     switch (item.rule) {
     case HcpRule::kAddress: {
@@ -371,6 +372,7 @@ private:
       }
       return flag == 'T' || flag == 't' ? "TRUE" : "";
     }
+    case HcpRule::kText:
     default:
       return Value(start);
     }
