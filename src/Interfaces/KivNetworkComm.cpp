@@ -188,6 +188,39 @@ void CopyResponse(const HBNResponseInfo &parsed, HBNResponseInfo &updated) {
   updated.iStatus = parsed.iStatus;
 }
 
+// The four fields the parser of a device's scan request fills; its status is not one of them.
+void CopyScanRequest(const HBNResponseInfo &parsed, HBNResponseInfo &updated) {
+  updated.iPortInfo = parsed.iPortInfo;
+  updated.iChannelID = parsed.iChannelID;
+  updated.iReport = parsed.iReport;
+  updated.iTimeStamp = parsed.iTimeStamp;
+}
+
+// What the HCP parser gives a host: the fourteen strings and the device entries of a fresh record
+// (those it does not fill are empty), which replace the host's, and for a configuration answer
+// (`iType` other than the discovery answer) the device's result byte. After a discovery answer
+// the host's iResponse stays; iPortInfo always does.
+void CopyNetRecord(const KivNetRecord &parsed, UInt32 iType, KivNetRecord &updated) {
+  if (iType != kHCPDiscoveryResponse) {
+    updated.iResponse = parsed.iResponse;
+  }
+  updated.strIPAddr = parsed.strIPAddr;
+  updated.strIPNetMask = parsed.strIPNetMask;
+  updated.strIPGateway = parsed.strIPGateway;
+  updated.strIPName = parsed.strIPName;
+  updated.strMacLaa = parsed.strMacLaa;
+  updated.strMacUaa = parsed.strMacUaa;
+  updated.strAdapterType = parsed.strAdapterType;
+  updated.strIPAddrSrc = parsed.strIPAddrSrc;
+  updated.strOEMByte = parsed.strOEMByte;
+  updated.strPwdSet = parsed.strPwdSet;
+  updated.strProdID = parsed.strProdID;
+  updated.strAdapterName = parsed.strAdapterName;
+  updated.strCPDAttached = parsed.strCPDAttached;
+  updated.strPrintrVidPid = parsed.strPrintrVidPid;
+  updated.vecDeviceSpecific = parsed.vecDeviceSpecific;
+}
+
 } // namespace
 
 UInt32 ParseHCPResponse(UInt32 iHeaderType, HANDLE ptrMsg, UInt32 iType, KivNetRecord &DeviceRec) {
@@ -200,26 +233,7 @@ UInt32 ParseHCPResponse(UInt32 iHeaderType, HANDLE ptrMsg, UInt32 iType, KivNetR
                        return result;
                      }
                      KivNetRecord updated = DeviceRec;
-                     // Only a configuration answer has a result byte; after a discovery answer
-                     // the caller's value stays.
-                     if (iType != kHCPDiscoveryResponse) {
-                       updated.iResponse = parsed.iResponse;
-                     }
-                     updated.strIPAddr = parsed.strIPAddr;
-                     updated.strIPNetMask = parsed.strIPNetMask;
-                     updated.strIPGateway = parsed.strIPGateway;
-                     updated.strIPName = parsed.strIPName;
-                     updated.strMacLaa = parsed.strMacLaa;
-                     updated.strMacUaa = parsed.strMacUaa;
-                     updated.strAdapterType = parsed.strAdapterType;
-                     updated.strIPAddrSrc = parsed.strIPAddrSrc;
-                     updated.strOEMByte = parsed.strOEMByte;
-                     updated.strPwdSet = parsed.strPwdSet;
-                     updated.strProdID = parsed.strProdID;
-                     updated.strAdapterName = parsed.strAdapterName;
-                     updated.strCPDAttached = parsed.strCPDAttached;
-                     updated.strPrintrVidPid = parsed.strPrintrVidPid;
-                     updated.vecDeviceSpecific = parsed.vecDeviceSpecific;
+                     CopyNetRecord(parsed, iType, updated);
                      return Commit(DeviceRec, updated);
                    });
 }
@@ -251,12 +265,7 @@ UInt32 ParseStatusCacheResponse(UInt32 iHeaderType, HANDLE ptrMsg,
 
 UInt32 ParseRequestScan(UInt32 iHeaderType, HANDLE ptrMsg, HBNResponseInfo &responseInfo) {
   return ParseInto(kFnParseRequestScan, iHeaderType, ptrMsg, &KivDisassembler::ParseRequestScan,
-                   responseInfo, [](const HBNResponseInfo &parsed, HBNResponseInfo &updated) {
-                     updated.iPortInfo = parsed.iPortInfo;
-                     updated.iChannelID = parsed.iChannelID;
-                     updated.iReport = parsed.iReport;
-                     updated.iTimeStamp = parsed.iTimeStamp;
-                   });
+                   responseInfo, CopyScanRequest);
 }
 
 HANDLE CreateStatCacheResponse() { return new StatCacheResponse(); }

@@ -64,9 +64,9 @@ KIV_EXTERN_C UInt32 GetCommandType(HANDLE ptrMsg);
 //
 // Codes: 0 on success; 0x0A09NN01 when `objHeader` is null or not a container; 0x0A09NN00 for any
 // other header type or an unexpected failure; 0x0A000000 + the error code of a failure of the
-// message layer (e.g. 0x0A0201A3 for a null unique identifier, 0x0A0805A3 when memory runs out
-// while the container is filled). On every failure but the last the container is unchanged; the
-// last leaves it empty.
+// message layer (e.g. 0x0A0201A3 for a null unique identifier; COPY_ERROR of the member whose copy
+// found no memory, 0x0A0805A3 when that is the container being filled). On every failure but the
+// last the container is unchanged; the last leaves it empty.
 //
 // Ownership: the container stays the host's; its new storage is released by the container's own
 // operations (ResetBuffer, the next SetBuffer). Nothing else is handed out.
@@ -126,9 +126,10 @@ KIV_EXTERN_C UInt32 CreateIPConfig(UInt32 iHeaderType, std::string &strDestMacAd
 // message afterwards and can be parsed again.
 //
 // Codes: 0 on success; 0x0A09NN01 when `ptrMsg` is null or not a container; 0x0A09NN00 for any
-// other header type or an unexpected failure (e.g. memory exhausted); 0x0A000000 + the parser's
-// error code when the message cannot be parsed (0x0A0707A3 to 0x0A070CA3 by answer kind, see
-// each function; 0x0A0704A3 when the parser cannot copy the message).
+// other header type or an unexpected failure (e.g. memory exhausted while the record is filled);
+// 0x0A000000 + the parser's error code when the message cannot be parsed (0x0A0707A3 to
+// 0x0A070CA3 by answer kind, see each function; 0x0A0704A3 when there is no memory for the
+// parser's copy of the message).
 //
 // The record is written only on success, and then only in the fields listed for the function;
 // every other field keeps the caller's value. Records belong to the caller; the library keeps no
