@@ -19,8 +19,9 @@
 //   frames; it is charged per GB of the payload its stream carries, so its ratio to another path
 //   is the ratio of their CPU times over the same stream.
 // - Receives are counted by this program's own definitions of recv, recvfrom, recvmsg and read
-//   (and waits by select and poll), which count per thread and call the C library's through
-//   dlsym(RTLD_NEXT). The executable exports them, so the shared library's calls bind to them too.
+//   (and waits by select, poll and their kin), which count per thread and call the C library's
+//   through dlsym(RTLD_NEXT). The executable exports them, so the shared library's calls bind to
+//   them too.
 // - Every path and size runs once per run, the paths in a rotated order each run, so drift on a
 //   shared machine hits them alike; the table shows medians over the runs, and the ratios are
 //   medians of the ratios taken within each run.
@@ -32,6 +33,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/epoll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -113,6 +115,27 @@ extern "C" int poll(pollfd *fds, nfds_t count, int limitMs) {
   static const auto next = NextDefinition<int (*)(pollfd *, nfds_t, int)>("poll");
   ++tWaits;
   return next(fds, count, limitMs);
+}
+
+extern "C" int ppoll(pollfd *fds, nfds_t count, const timespec *limit, const sigset_t *mask) {
+  static const auto next =
+      NextDefinition<int (*)(pollfd *, nfds_t, const timespec *, const sigset_t *)>("ppoll");
+  ++tWaits;
+  return next(fds, count, limit, mask);
+}
+
+extern "C" int pselect(int count, fd_set *readable, fd_set *writable, fd_set *failed,
+                       const timespec *limit, const sigset_t *mask) {
+  static const auto next = NextDefinition<int (*)(int, fd_set *, fd_set *, fd_set *,
+                                                  const timespec *, const sigset_t *)>("pselect");
+  ++tWaits;
+  return next(count, readable, writable, failed, limit, mask);
+}
+
+extern "C" int epoll_wait(int fd, epoll_event *events, int count, int limitMs) {
+  static const auto next = NextDefinition<int (*)(int, epoll_event *, int, int)>("epoll_wait");
+  ++tWaits;
+  return next(fd, events, count, limitMs);
 }
 
 namespace {
@@ -717,7 +740,7 @@ double Median(std::vector<double> values) {
 
 struct Options {
   int runs = 5;
-  double megabytes[kSizeCount] = {512, 256, 32}; // per frame size: about equal times per path
+  double megabytes[kSizeCount] = {512, 128, 16}; // per frame size: about equal times per path
   bool only[kPathCount][kSizeCount] = {};
   bool onlyGiven = false;
 };
@@ -729,7 +752,7 @@ const char kUsage[] =
     "\n"
     "  --runs N        runs, each path and size once per run; medians are shown (default 5)\n"
     "  --megabytes M   payload megabytes per path, size and run (default 512 for 64 KiB\n"
-    "                  frames, 256 for 4 KiB, 32 for 64 B)\n"
+    "                  frames, 128 for 4 KiB, 16 for 64 B)\n"
     "  --only ROW      measure only ROW: a path (raw, plain, Read, ReadManaged, listener), a\n"
     "                  frame size (64K, 4K, 64) or both (listener/64); may be repeated. The raw\n"
     "                  loop and the plain reader of the chosen sizes always run (the ratios need\n"
