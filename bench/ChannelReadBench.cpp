@@ -25,14 +25,15 @@
 // - Every path and size runs once per run, the paths in a rotated order each run, so drift on a
 //   shared machine hits them alike; the table shows medians over the runs, and the ratios are
 //   medians of the ratios taken within each run.
-// Nothing leaves 127.0.0.1; every wait is bounded; threads and descriptors end with each
-// measurement.
+// Nothing leaves 127.0.0.1; every wait is bounded (a measurement that takes over 5 minutes ends
+// the program); threads and descriptors end with each measurement.
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -147,6 +148,7 @@ constexpr std::size_t kCallerBufferSize = 256 * 1024; // the raw loop's buffer a
 constexpr std::size_t kChunkTarget = 1024 * 1024;     // bytes of frames the sender sends at once
 constexpr int kIoLimitSeconds = 30;                   // any single wait of the sender or a reader
 constexpr int kListenerLimitSeconds = 120;            // a whole listener measurement
+constexpr int kMeasurementLimitSeconds = 300;         // any measurement: then the program ends
 
 const unsigned char kScanOpenRequest[kHeaderLength] = {'H', 'B', 'N', '3', 0, 0, 0, 0, 2};
 
@@ -664,7 +666,15 @@ bool PathBuilt(int path) {
 #endif
 }
 
+// A read of the library that never returns would hold the program forever: the alarm ends it.
+void OnAlarm(int) {
+  static const char text[] = "KivChannelReadBench: a measurement took too long; stopping\n";
+  (void)!write(STDERR_FILENO, text, sizeof text - 1);
+  _exit(1);
+}
+
 Sample Measure(Sender &sender, int path, const Stream &stream, unsigned char *buffer) {
+  alarm(kMeasurementLimitSeconds);
   sender.Start(stream);
   Sample sample;
   switch (path) {
@@ -690,6 +700,7 @@ Sample Measure(Sender &sender, int path, const Stream &stream, unsigned char *bu
     break;
   }
   const std::string sent = sender.Finish();
+  alarm(0);
   if (sample.ok && !sent.empty()) {
     sample.ok = false;
     sample.failure = "sender: " + sent;
@@ -871,6 +882,7 @@ int main(int argc, char **argv) {
     return 2;
   }
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  signal(SIGALRM, OnAlarm);
 
   Sender sender;
   std::unique_ptr<unsigned char[]> buffer(new unsigned char[kCallerBufferSize]);
