@@ -7,8 +7,9 @@
 // - plain: recvfrom on a socket of this program with the kernel's default receive buffer;
 // - large: the same with a 16 MiB receive buffer (forced when permitted) and the kernel's arrival
 //   time stamps, which tells how the devices' answers are spread in time.
-// Each prints the datagrams received, the distinct senders and the arrival of the first and last
-// answer after the query left. Only 127.0.0.0/8 is used; every wait is bounded.
+// Each prints the datagrams received, the distinct senders, the draining thread's CPU time per
+// datagram and the arrival of the first and last answer after the query left. Only 127.0.0.0/8 is
+// used; every wait is bounded.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -43,13 +44,22 @@ struct Outcome {
   double last = 0;
   long bytes = 0;
   int receiveBuffer = 0;
+  double cpuStart = 0; // the draining thread's CPU clock when the query left
+  double cpuEnd = 0;   // and when the last datagram was taken
 };
+
+double ThreadCpu() {
+  timespec now{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return double(now.tv_sec) + double(now.tv_nsec) * 1e-9;
+}
 
 void Arrived(Outcome &outcome, const std::string &sender, double when, long bytes) {
   if (outcome.datagrams == 0) {
     outcome.first = when;
   }
   outcome.last = std::max(outcome.last, when);
+  outcome.cpuEnd = ThreadCpu();
   ++outcome.datagrams;
   outcome.bytes += bytes;
   outcome.senders.insert(sender);
@@ -89,6 +99,7 @@ bool DrainLibrary(const std::string &to, int port, int expect, int waitSeconds, 
     socklen_t length = sizeof outcome.receiveBuffer;
     getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &outcome.receiveBuffer, &length);
     outcome.sent = Now();
+    outcome.cpuStart = ThreadCpu();
     ok = SendTo(udp, where, query, 0, count) == 0;
   }
   while (ok && outcome.datagrams < expect && Now() - outcome.sent < waitSeconds) {
@@ -149,6 +160,7 @@ bool DrainPlain(const std::string &to, int port, int expect, int waitSeconds, bo
   getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &outcome.receiveBuffer, &length);
   if (ok) {
     outcome.sent = Now();
+    outcome.cpuStart = ThreadCpu();
     ok = sendto(fd, query.data(), query.size(), 0, reinterpret_cast<sockaddr *>(&target),
                 sizeof target) == ssize_t(query.size());
   }
@@ -249,12 +261,16 @@ int main(int argc, char **argv) {
         continue;
       }
       counts[way] += " " + std::to_string(outcome.senders.size());
-      std::printf("%-8s receive buffer %8d: %4d datagram(s) from %4zu device(s) of %d, %4ld "
-                  "bytes each; first %.2f ms, last %.2f ms after the query\n",
+      if (outcome.datagrams == 0) {
+        outcome.first = outcome.last = outcome.sent;
+        outcome.cpuEnd = outcome.cpuStart;
+      }
+      const double n = outcome.datagrams > 0 ? outcome.datagrams : 1;
+      std::printf("%-8s receive buffer %8d: %4d datagram(s) from %4zu device(s) of %d, %4.0f "
+                  "bytes and %4.1f us CPU each; first %.2f ms, last %.2f ms after the query\n",
                   ways[way], outcome.receiveBuffer, outcome.datagrams, outcome.senders.size(),
-                  expect, outcome.datagrams > 0 ? outcome.bytes / outcome.datagrams : 0,
-                  outcome.datagrams > 0 ? (outcome.first - outcome.sent) * 1e3 : 0.0,
-                  outcome.datagrams > 0 ? (outcome.last - outcome.sent) * 1e3 : 0.0);
+                  expect, double(outcome.bytes) / n, (outcome.cpuEnd - outcome.cpuStart) * 1e6 / n,
+                  (outcome.first - outcome.sent) * 1e3, (outcome.last - outcome.sent) * 1e3);
     }
   }
   for (int way = 0; way < 3; ++way) {
