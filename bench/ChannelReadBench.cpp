@@ -754,10 +754,11 @@ struct Options {
   double megabytes[kSizeCount] = {512, 128, 16}; // per frame size: about equal times per path
   bool only[kPathCount][kSizeCount] = {};
   bool onlyGiven = false;
+  bool samples = false; // print every measurement as it is made
 };
 
 const char kUsage[] =
-    "usage: KivChannelReadBench [--runs N] [--megabytes M] [--only ROW]...\n"
+    "usage: KivChannelReadBench [--runs N] [--megabytes M] [--only ROW]... [--samples]\n"
     "Measures the HBN3 channel's read paths (Read, ReadManaged, the listener) against a raw\n"
     "receive loop and a plain frame reader over one loopback stream per path, size and run.\n"
     "\n"
@@ -818,6 +819,10 @@ bool ParseOptions(int argc, char **argv, Options &options) {
     if (option == "--help" || option == "-h") {
       std::fputs(kUsage, stdout);
       std::exit(0);
+    }
+    if (option == "--samples") {
+      options.samples = true;
+      continue;
     }
     if (i + 1 >= argc) {
       return false;
@@ -908,6 +913,14 @@ int main(int argc, char **argv) {
           std::fprintf(stderr, "KivChannelReadBench: %s, %s, run %d: %s\n", kPathTitles[path],
                        SizeLabel(size).c_str(), run + 1, sample.failure.c_str());
           failed = true;
+        }
+        if (options.samples && sample.ok) {
+          std::printf("sample: %-13s %-7s run %2d: %8.4f s CPU, %9.4f s/GB, %8.4f recv/frame, "
+                      "%8.4f waits/frame\n",
+                      kPathTitles[path], SizeLabel(size).c_str(), run + 1, sample.cpuSeconds,
+                      sample.cpuSeconds / (double(sample.payloadBytes) / 1e9),
+                      double(sample.receives) / double(sample.frames),
+                      double(sample.waits) / double(sample.frames));
         }
         samples[path][s].push_back(std::move(sample));
       }
