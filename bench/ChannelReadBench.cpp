@@ -33,6 +33,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/select.h>
@@ -313,10 +314,21 @@ public:
 
   int Port() const { return mPort; }
 
+  // Runs the sender thread on processor `cpu` only (-1: anywhere).
+  void Pin(int cpu) { mCpu = cpu; }
+
   void Start(const Stream &stream) {
     Finish();
     mFailure.clear();
-    mThread = std::thread([this, &stream] { mFailure = Serve(stream); });
+    mThread = std::thread([this, &stream] {
+      if (mCpu >= 0) {
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(mCpu, &one);
+        pthread_setaffinity_np(pthread_self(), sizeof one, &one);
+      }
+      mFailure = Serve(stream);
+    });
   }
 
   // Waits for the sender thread; an empty text when it sent the whole stream.
@@ -361,6 +373,7 @@ private:
 
   Descriptor mListening;
   int mPort = 0;
+  int mCpu = -1;
   std::thread mThread;
   std::string mFailure;
 };
@@ -755,10 +768,11 @@ struct Options {
   bool only[kPathCount][kSizeCount] = {};
   bool onlyGiven = false;
   bool samples = false; // print every measurement as it is made
+  bool pin = false;     // the sender on one processor, the receiving threads on another
 };
 
 const char kUsage[] =
-    "usage: KivChannelReadBench [--runs N] [--megabytes M] [--only ROW]... [--samples]\n"
+    "usage: KivChannelReadBench [--runs N] [--megabytes M] [--only ROW]... [--samples] [--pin]\n"
     "Measures the HBN3 channel's read paths (Read, ReadManaged, the listener) against a raw\n"
     "receive loop and a plain frame reader over one loopback stream per path, size and run.\n"
     "\n"
@@ -820,8 +834,8 @@ bool ParseOptions(int argc, char **argv, Options &options) {
       std::fputs(kUsage, stdout);
       std::exit(0);
     }
-    if (option == "--samples") {
-      options.samples = true;
+    if (option == "--samples" || option == "--pin") {
+      (option == "--pin" ? options.pin : options.samples) = true;
       continue;
     }
     if (i + 1 >= argc) {
@@ -890,6 +904,28 @@ int main(int argc, char **argv) {
   signal(SIGALRM, OnAlarm);
 
   Sender sender;
+  if (options.pin) {
+    // The receiving threads are this one and the listeners it starts, which inherit its set.
+    cpu_set_t allowed;
+    CPU_ZERO(&allowed);
+    std::vector<int> cpus;
+    if (sched_getaffinity(0, sizeof allowed, &allowed) == 0) {
+      for (int cpu = 0; cpu < CPU_SETSIZE && cpus.size() < 2; ++cpu) {
+        if (CPU_ISSET(cpu, &allowed)) {
+          cpus.push_back(cpu);
+        }
+      }
+    }
+    if (cpus.size() < 2) {
+      std::fprintf(stderr, "KivChannelReadBench: --pin needs two processors\n");
+      return 2;
+    }
+    cpu_set_t receiving;
+    CPU_ZERO(&receiving);
+    CPU_SET(cpus[1], &receiving);
+    sched_setaffinity(0, sizeof receiving, &receiving);
+    sender.Pin(cpus[0]);
+  }
   std::unique_ptr<unsigned char[]> buffer(new unsigned char[kCallerBufferSize]);
   std::memset(buffer.get(), 0, kCallerBufferSize);
 
