@@ -971,8 +971,8 @@ int main(int argc, char **argv) {
               elapsed);
   std::printf("CPU: the receiving thread's CPU time (the listener thread's for the listener) per "
               "10^9 payload bytes delivered\n\n");
-  std::printf("%-13s %-7s %9s %13s %8s %8s %8s %9s  %-36s %s\n", "path", "frames", "CPU s/GB",
-              "frames/CPU s", "recv/fr", "wait/fr", "CPU/raw", "f/s/plain", "goal", "met");
+  std::printf("%-13s %-7s %9s %13s %8s %8s %8s %9s %13s  %-36s %s\n", "path", "frames", "CPU s/GB",
+              "frames/CPU s", "recv/fr", "wait/fr", "CPU/raw", "f/s/plain", "range", "goal", "met");
   bool interposed = true;
   for (int s = 0; s < kSizeCount; ++s) {
     const int size = kFrameSizes[s];
@@ -1023,14 +1023,22 @@ int main(int argc, char **argv) {
         std::snprintf(receivesText, sizeof receivesText, "n/a");
         interposed = false;
       }
-      std::printf("%-13s %-7s %9.3f %13s %8s %8.3g %8.2f %9.2f  %-36s %s\n", kPathTitles[path],
+      // The spread of the ratio the goal reads, over the runs.
+      const std::vector<double> &deciding = goal.fpsRatio > 0 ? fpsRatio : cpuRatio;
+      char rangeText[32];
+      std::snprintf(rangeText, sizeof rangeText, "%.2f-%.2f",
+                    *std::min_element(deciding.begin(), deciding.end()),
+                    *std::max_element(deciding.begin(), deciding.end()));
+      std::printf("%-13s %-7s %9.3f %13s %8s %8.3g %8.2f %9.2f %13s  %-36s %s\n", kPathTitles[path],
                   SizeLabel(size).c_str(), Median(cpuPerGB),
                   Thousands(Median(framesPerSecond)).c_str(), receivesText, Median(waits), cpu, fps,
-                  GoalText(goal).c_str(), met);
+                  rangeText, GoalText(goal).c_str(), met);
     }
   }
+  std::printf("\nCPU/raw, f/s/plain: medians of the ratios within each run; range: the lowest and "
+              "highest of the ratio the goal reads (f/s/plain for a frames goal, else CPU/raw)\n");
   if (!interposed) {
-    std::printf("\nrecv/fr n/a: no receive was counted on that thread (the counters did not see "
+    std::printf("recv/fr n/a: no receive was counted on that thread (the counters did not see "
                 "the library's calls)\n");
   }
   return failed ? 1 : 0;
