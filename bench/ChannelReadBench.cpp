@@ -763,8 +763,10 @@ double Median(std::vector<double> values) {
 }
 
 struct Options {
-  int runs = 5;
-  double megabytes[kSizeCount] = {512, 128, 16}; // per frame size: about equal times per path
+  // Nine short runs rather than five long ones: on a busy machine the cost of a path drifts
+  // between measurements, and more runs steady the medians.
+  int runs = 9;
+  double megabytes[kSizeCount] = {256, 64, 8}; // per frame size: about equal times per path
   bool only[kPathCount][kSizeCount] = {};
   bool onlyGiven = false;
   bool samples = false; // print every measurement as it is made
@@ -776,9 +778,9 @@ const char kUsage[] =
     "Measures the HBN3 channel's read paths (Read, ReadManaged, the listener) against a raw\n"
     "receive loop and a plain frame reader over one loopback stream per path, size and run.\n"
     "\n"
-    "  --runs N        runs, each path and size once per run; medians are shown (default 5)\n"
-    "  --megabytes M   payload megabytes per path, size and run (default 512 for 64 KiB\n"
-    "                  frames, 128 for 4 KiB, 16 for 64 B)\n"
+    "  --runs N        runs, each path and size once per run; medians are shown (default 9)\n"
+    "  --megabytes M   payload megabytes per path, size and run (default 256 for 64 KiB\n"
+    "                  frames, 64 for 4 KiB, 8 for 64 B)\n"
     "  --only ROW      measure only ROW: a path (raw, plain, Read, ReadManaged, listener), a\n"
     "                  frame size (64K, 4K, 64) or both (listener/64); may be repeated. The raw\n"
     "                  loop and the plain reader of the chosen sizes always run (the ratios need\n"
