@@ -894,47 +894,38 @@ std::string Thousands(double value) {
   return out;
 }
 
-} // namespace
-
-int main(int argc, char **argv) {
-  Options options;
-  if (!ParseOptions(argc, argv, options)) {
-    std::fprintf(stderr, "%s", kUsage);
-    return 2;
-  }
-  std::setvbuf(stdout, nullptr, _IOLBF, 0);
-  signal(SIGALRM, OnAlarm);
-
-  Sender sender;
-  if (options.pin) {
-    // The receiving threads are this one and the listeners it starts, which inherit its set.
-    cpu_set_t allowed;
-    CPU_ZERO(&allowed);
-    std::vector<int> cpus;
-    if (sched_getaffinity(0, sizeof allowed, &allowed) == 0) {
-      for (int cpu = 0; cpu < CPU_SETSIZE && cpus.size() < 2; ++cpu) {
-        if (CPU_ISSET(cpu, &allowed)) {
-          cpus.push_back(cpu);
-        }
+// Puts the sender on the first processor this process may use and the calling thread (and so
+// every listener it starts, which inherits its set) on the second. False without two.
+bool PinThreads(Sender &sender) {
+  cpu_set_t allowed;
+  CPU_ZERO(&allowed);
+  std::vector<int> cpus;
+  if (sched_getaffinity(0, sizeof allowed, &allowed) == 0) {
+    for (int cpu = 0; cpu < CPU_SETSIZE && cpus.size() < 2; ++cpu) {
+      if (CPU_ISSET(cpu, &allowed)) {
+        cpus.push_back(cpu);
       }
     }
-    if (cpus.size() < 2) {
-      std::fprintf(stderr, "KivChannelReadBench: --pin needs two processors\n");
-      return 2;
-    }
-    cpu_set_t receiving;
-    CPU_ZERO(&receiving);
-    CPU_SET(cpus[1], &receiving);
-    sched_setaffinity(0, sizeof receiving, &receiving);
-    sender.Pin(cpus[0]);
   }
-  std::unique_ptr<unsigned char[]> buffer(new unsigned char[kCallerBufferSize]);
-  std::memset(buffer.get(), 0, kCallerBufferSize);
+  if (cpus.size() < 2) {
+    return false;
+  }
+  cpu_set_t receiving;
+  CPU_ZERO(&receiving);
+  CPU_SET(cpus[1], &receiving);
+  sender.Pin(cpus[0]);
+  return sched_setaffinity(0, sizeof receiving, &receiving) == 0;
+}
 
-  // samples[path][size][run]
+// Every measurement: samples[path][size][run].
+struct Results {
   std::vector<Sample> samples[kPathCount][kSizeCount];
   bool failed = false;
-  const auto started = std::chrono::steady_clock::now();
+};
+
+void RunAll(const Options &options, Sender &sender, Results &results) {
+  std::unique_ptr<unsigned char[]> buffer(new unsigned char[kCallerBufferSize]);
+  std::memset(buffer.get(), 0, kCallerBufferSize);
   for (int s = 0; s < kSizeCount; ++s) {
     const int size = kFrameSizes[s];
     const auto frames = std::max<std::uint64_t>(
@@ -950,9 +941,8 @@ int main(int argc, char **argv) {
         if (!sample.ok) {
           std::fprintf(stderr, "KivChannelReadBench: %s, %s, run %d: %s\n", kPathTitles[path],
                        SizeLabel(size).c_str(), run + 1, sample.failure.c_str());
-          failed = true;
-        }
-        if (options.samples && sample.ok) {
+          results.failed = true;
+        } else if (options.samples) {
           std::printf("sample: %-13s %-7s run %2d: %8.4f s CPU, %9.4f s/GB, %8.4f recv/frame, "
                       "%8.4f waits/frame\n",
                       kPathTitles[path], SizeLabel(size).c_str(), run + 1, sample.cpuSeconds,
@@ -960,13 +950,69 @@ int main(int argc, char **argv) {
                       double(sample.receives) / double(sample.frames),
                       double(sample.waits) / double(sample.frames));
         }
-        samples[path][s].push_back(std::move(sample));
+        results.samples[path][s].push_back(std::move(sample));
       }
     }
   }
-  const double elapsed =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+}
 
+// One row of the table; false when the receives of the path were not counted.
+bool PrintRow(const Results &results, int path, int s) {
+  const int size = kFrameSizes[s];
+  const Goal goal = GoalOf(path, size);
+  if (!PathBuilt(path)) {
+    std::printf("%-13s %-7s %s\n", kPathTitles[path], SizeLabel(size).c_str(),
+                "not built: the library has no channel functions");
+    return true;
+  }
+  std::vector<double> cpuPerGB, framesPerSecond, receives, waits, cpuRatio, fpsRatio;
+  const std::vector<Sample> &runs = results.samples[path][s];
+  for (std::size_t run = 0; run < runs.size(); ++run) {
+    const Sample &sample = runs[run];
+    const Sample &raw = results.samples[kRaw][s][run];
+    const Sample &plain = results.samples[kPlain][s][run];
+    if (!sample.ok || !raw.ok || !plain.ok || sample.cpuSeconds <= 0) {
+      continue;
+    }
+    const double perGB = sample.cpuSeconds / (double(sample.payloadBytes) / 1e9);
+    const double fps = double(sample.frames) / sample.cpuSeconds;
+    cpuPerGB.push_back(perGB);
+    framesPerSecond.push_back(fps);
+    receives.push_back(double(sample.receives) / double(sample.frames));
+    waits.push_back(double(sample.waits) / double(sample.frames));
+    cpuRatio.push_back(perGB / (raw.cpuSeconds / (double(raw.payloadBytes) / 1e9)));
+    fpsRatio.push_back(fps / (double(plain.frames) / plain.cpuSeconds));
+  }
+  if (cpuPerGB.empty()) {
+    std::printf("%-13s %-7s %s\n", kPathTitles[path], SizeLabel(size).c_str(), "no complete run");
+    return true;
+  }
+  const double cpu = Median(cpuRatio);
+  const double fps = Median(fpsRatio);
+  const char *met = "-";
+  if (goal.cpuRatio > 0 || goal.fpsRatio > 0) {
+    const bool ok = (goal.cpuRatio <= 0 || cpu <= goal.cpuRatio) &&
+                    (goal.fpsRatio <= 0 || fps >= goal.fpsRatio);
+    met = ok ? "yes" : "NO";
+  }
+  const bool counted = Median(receives) > 0;
+  char receivesText[16] = "n/a";
+  if (counted) {
+    std::snprintf(receivesText, sizeof receivesText, "%.3g", Median(receives));
+  }
+  // The spread of the ratio the goal reads, over the runs.
+  const std::vector<double> &deciding = goal.fpsRatio > 0 ? fpsRatio : cpuRatio;
+  char rangeText[32];
+  std::snprintf(rangeText, sizeof rangeText, "%.2f-%.2f",
+                *std::min_element(deciding.begin(), deciding.end()),
+                *std::max_element(deciding.begin(), deciding.end()));
+  std::printf("%-13s %-7s %9.3f %13s %8s %8.3g %8.2f %9.2f %13s  %-36s %s\n", kPathTitles[path],
+              SizeLabel(size).c_str(), Median(cpuPerGB), Thousands(Median(framesPerSecond)).c_str(),
+              receivesText, Median(waits), cpu, fps, rangeText, GoalText(goal).c_str(), met);
+  return counted;
+}
+
+void PrintTable(const Options &options, const Results &results, double elapsed) {
   std::printf("Channel read benchmark: loopback TCP; payload per path and run %g MB (64 KiB "
               "frames), %g MB (4 KiB), %g MB (64 B); median of %d run(s); %.0f s in all\n",
               options.megabytes[0], options.megabytes[1], options.megabytes[2], options.runs,
@@ -975,73 +1021,43 @@ int main(int argc, char **argv) {
               "10^9 payload bytes delivered\n\n");
   std::printf("%-13s %-7s %9s %13s %8s %8s %8s %9s %13s  %-36s %s\n", "path", "frames", "CPU s/GB",
               "frames/CPU s", "recv/fr", "wait/fr", "CPU/raw", "f/s/plain", "range", "goal", "met");
-  bool interposed = true;
+  bool counted = true;
   for (int s = 0; s < kSizeCount; ++s) {
-    const int size = kFrameSizes[s];
     for (int path = 0; path < kPathCount; ++path) {
-      if (!options.only[path][s]) {
-        continue;
+      if (options.only[path][s]) {
+        counted = PrintRow(results, path, s) && counted;
       }
-      const Goal goal = GoalOf(path, size);
-      if (!PathBuilt(path)) {
-        std::printf("%-13s %-7s %s\n", kPathTitles[path], SizeLabel(size).c_str(),
-                    "not built: the library has no channel functions");
-        continue;
-      }
-      std::vector<double> cpuPerGB, framesPerSecond, receives, waits, cpuRatio, fpsRatio;
-      for (std::size_t run = 0; run < samples[path][s].size(); ++run) {
-        const Sample &sample = samples[path][s][run];
-        const Sample &raw = samples[kRaw][s][run];
-        const Sample &plain = samples[kPlain][s][run];
-        if (!sample.ok || !raw.ok || !plain.ok || sample.cpuSeconds <= 0) {
-          continue;
-        }
-        const double perGB = sample.cpuSeconds / (double(sample.payloadBytes) / 1e9);
-        const double fps = double(sample.frames) / sample.cpuSeconds;
-        cpuPerGB.push_back(perGB);
-        framesPerSecond.push_back(fps);
-        receives.push_back(double(sample.receives) / double(sample.frames));
-        waits.push_back(double(sample.waits) / double(sample.frames));
-        cpuRatio.push_back(perGB / (raw.cpuSeconds / (double(raw.payloadBytes) / 1e9)));
-        fpsRatio.push_back(fps / (double(plain.frames) / plain.cpuSeconds));
-      }
-      if (cpuPerGB.empty()) {
-        std::printf("%-13s %-7s %s\n", kPathTitles[path], SizeLabel(size).c_str(),
-                    "no complete run");
-        continue;
-      }
-      const double cpu = Median(cpuRatio);
-      const double fps = Median(fpsRatio);
-      const char *met = "-";
-      if (goal.cpuRatio > 0 || goal.fpsRatio > 0) {
-        const bool ok = (goal.cpuRatio <= 0 || cpu <= goal.cpuRatio) &&
-                        (goal.fpsRatio <= 0 || fps >= goal.fpsRatio);
-        met = ok ? "yes" : "NO";
-      }
-      char receivesText[16];
-      if (Median(receives) > 0) {
-        std::snprintf(receivesText, sizeof receivesText, "%.3g", Median(receives));
-      } else {
-        std::snprintf(receivesText, sizeof receivesText, "n/a");
-        interposed = false;
-      }
-      // The spread of the ratio the goal reads, over the runs.
-      const std::vector<double> &deciding = goal.fpsRatio > 0 ? fpsRatio : cpuRatio;
-      char rangeText[32];
-      std::snprintf(rangeText, sizeof rangeText, "%.2f-%.2f",
-                    *std::min_element(deciding.begin(), deciding.end()),
-                    *std::max_element(deciding.begin(), deciding.end()));
-      std::printf("%-13s %-7s %9.3f %13s %8s %8.3g %8.2f %9.2f %13s  %-36s %s\n", kPathTitles[path],
-                  SizeLabel(size).c_str(), Median(cpuPerGB),
-                  Thousands(Median(framesPerSecond)).c_str(), receivesText, Median(waits), cpu, fps,
-                  rangeText, GoalText(goal).c_str(), met);
     }
   }
   std::printf("\nCPU/raw, f/s/plain: medians of the ratios within each run; range: the lowest and "
               "highest of the ratio the goal reads (f/s/plain for a frames goal, else CPU/raw)\n");
-  if (!interposed) {
+  if (!counted) {
     std::printf("recv/fr n/a: no receive was counted on that thread (the counters did not see "
                 "the library's calls)\n");
   }
-  return failed ? 1 : 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  Options options;
+  if (!ParseOptions(argc, argv, options)) {
+    std::fprintf(stderr, "%s", kUsage);
+    return 2;
+  }
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
+  signal(SIGALRM, OnAlarm);
+
+  Sender sender;
+  if (options.pin && !PinThreads(sender)) {
+    std::fprintf(stderr, "KivChannelReadBench: --pin needs two processors\n");
+    return 2;
+  }
+  Results results;
+  const auto started = std::chrono::steady_clock::now();
+  RunAll(options, sender, results);
+  const double elapsed =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  PrintTable(options, results, elapsed);
+  return results.failed ? 1 : 0;
 }
