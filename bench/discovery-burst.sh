@@ -46,7 +46,7 @@ trap cleanup EXIT INT TERM
   --seconds 60 >"$work/sim.out" 2>&1 &
 sim_pid=$!
 tries=0
-until grep -q "serving for" "$work/sim.out"; do
+until grep -qs "serving for" "$work/sim.out"; do
   tries=$((tries + 1))
   if [ "$tries" -gt 150 ] || ! kill -0 "$sim_pid" 2>/dev/null; then
     echo "discovery-burst: kivsim did not start:" >&2
