@@ -11,7 +11,9 @@ for name in CreateBuffer VerifyBufferHandle GetHeaderType GetCommandType \
     ParseRequestScanResponse ParseHostListEntryResponse ParseStatusCacheResponse ParseRequestScan \
     CreateStatCacheResponse CreateKivNetRecord OpenUDPSocket BindUDPSocket SetSocketOptions SendTo \
     RecvFrom CloseUDPSocket RevitalizeSocket CreateSocketAddress GetAddressPort \
-    VerifySockAddressHandle VerifySocketHandle TraceLogBody TraceLogStream mDebugLevel \
+    VerifySockAddressHandle VerifySocketHandle OpenTCPSocket Write WriteManaged Read ReadManaged \
+    RegisterReadCallback GetListenerThreadID GetSocketID CloseTCPSocket TraceLogBody TraceLogStream \
+    mDebugLevel \
     _Z15DumpHexMessage2Phi _Z15DumpHexMessage3Phi; do
   if ! grep -qx "$name" <<<"$symbols"; then
     echo "not exported: $name"
