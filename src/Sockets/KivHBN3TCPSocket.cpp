@@ -15,6 +15,7 @@
 #include <new>
 
 #include "Common/Exceptions/KivExceptions.h"
+#include "CommonFiles/KivHandleRegistry.h"
 #include "CommonFiles/KivWireBytes.h"
 
 // ---- Frame header ------------------------------------------------------------------------------
@@ -146,7 +147,10 @@ KivHBN3TCPSocket::KivHBN3TCPSocket(std::string ip, int usbEndPoint,
       mListenerThreaded(false), mListenerSocket(kNoLaunch), mHeaderBytes(), mHeaderHave(0) {}
 
 // The container does not release its storage when destroyed; the channel does.
-KivHBN3TCPSocket::~KivHBN3TCPSocket() { mStorageBuffer.ResetBuffer(); }
+KivHBN3TCPSocket::~KivHBN3TCPSocket() {
+  kiv::ForgetHandle(this, kKivTCPClientSocketClassID);
+  mStorageBuffer.ResetBuffer();
+}
 
 int KivHBN3TCPSocket::Open() {
   mStorageBuffer.ResetBuffer();

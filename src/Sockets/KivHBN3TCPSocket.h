@@ -96,7 +96,8 @@ public:
   // `endPointInterface`. The descriptor is made at once (throws KivSocketException UNKNOWN_ERROR
   // when it cannot be); nothing is connected. Poll period 3 s, no callback.
   KivHBN3TCPSocket(std::string ip, int usbEndPoint, KivEndPointInterface endPointInterface);
-  // Closes the descriptor if still open. Does not stop or wait for a listener (see Lifetime).
+  // Stops the object being a handle and closes the descriptor if still open. Does not stop or
+  // wait for a listener (see Lifetime).
   ~KivHBN3TCPSocket();
 
   // Connects (blocking, no limit of the library's own), sets TCP_NODELAY, sends the open request

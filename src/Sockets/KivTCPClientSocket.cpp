@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <ctime>
 
+#include "CommonFiles/KivHandleRegistry.h"
 #include "Exceptions/KivSocketExceptions.h"
 
 // If anything after the base throws, the base's destructor closes the descriptor it made.
@@ -15,7 +16,7 @@ KivTCPClientSocket::KivTCPClientSocket(std::string serverIP, int port)
   mClassID = kKivTCPClientSocketClassID;
 }
 
-KivTCPClientSocket::~KivTCPClientSocket() = default;
+KivTCPClientSocket::~KivTCPClientSocket() { kiv::ForgetHandle(this, kKivTCPClientSocketClassID); }
 
 void KivTCPClientSocket::SetAddress(std::string serverIP, int port) {
   mServerAddress.SetAddress(serverIP, port);

@@ -32,7 +32,7 @@ public:
   // A stream descriptor for the server `serverIP` (dotted decimal) and `port` (low 16 bits).
   // Throws KivSocketException UNKNOWN_ERROR when no descriptor can be made.
   KivTCPClientSocket(std::string serverIP, int port);
-  // Closes the descriptor if one is held.
+  // Stops the object being a handle and closes the descriptor if one is held.
   ~KivTCPClientSocket();
 
   // Replaces the server's address and port (used by the next Connect).

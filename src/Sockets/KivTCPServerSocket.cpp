@@ -5,17 +5,21 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "CommonFiles/KivHandleRegistry.h"
 #include "Exceptions/KivSocketExceptions.h"
 
 KivTCPServerSocket::KivTCPServerSocket() : KivTCPServerSocket(0) {}
 
-// If anything after the base throws, the base's destructor closes the descriptor it made.
+// Hosts make server sockets through the class, so the object makes itself a handle (kind 2). If
+// that throws, the base's destructor closes the descriptor it made.
 KivTCPServerSocket::KivTCPServerSocket(int listenPort)
     : KivSocket(TCP), mServerAddress("", listenPort), mClientSocket(-1) {
   mClassID = kKivTCPServerSocketClassID;
+  kiv::RegisterHandle(this, kKivTCPServerSocketClassID);
 }
 
 KivTCPServerSocket::~KivTCPServerSocket() {
+  kiv::ForgetHandle(this, kKivTCPServerSocketClassID);
   if (mClientSocket != -1) {
     ::close(mClientSocket);
   }

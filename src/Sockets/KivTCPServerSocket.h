@@ -23,7 +23,8 @@ public:
   // Throws KivSocketException UNKNOWN_ERROR when no descriptor can be made, std::bad_alloc when
   // memory runs out; nothing stays open then.
   explicit KivTCPServerSocket(int listenPort);
-  // Closes the current client's descriptor, then the listening one.
+  // Stops the object being a handle, closes the current client's descriptor, then the listening
+  // one.
   ~KivTCPServerSocket();
 
   // The port to bind (as given; 0 stays 0 after the platform picked one); SetPort takes effect at
