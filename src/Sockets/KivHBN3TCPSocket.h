@@ -171,6 +171,8 @@ public:
 
   // The listener thread's identifier while a listener thread runs, otherwise null. The pointer
   // stays valid as long as the channel lives; a host may join a joinable listener through it.
+  // A joinable listener that may end quickly is best taken right after registering (it counts as
+  // running from then on), or with pthread_self() in the callback.
   pthread_t *GetListenerThreadID();
 
 protected:

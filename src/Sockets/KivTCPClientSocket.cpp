@@ -79,17 +79,23 @@ int KivTCPClientSocket::ReceiveAll(int descriptor, unsigned char *buffer, int le
   if (length < 0 || (buffer == nullptr && length > 0)) {
     throw KivTCPSocketException(CLIENT_RECV_ERROR);
   }
+  // A timed transfer must not block in the transfer itself once the wait said ready: it takes
+  // what is there (MSG_DONTWAIT), and a readiness that came to nothing means waiting again.
+  const int extra = limit != nullptr ? MSG_DONTWAIT : 0;
   int got = 0;
   while (got < length) {
     if (limit != nullptr && WaitForReadiness(descriptor, POLLIN, *limit) == 0) {
       return -2;
     }
     const ssize_t n = ::recv(descriptor, buffer + got, static_cast<size_t>(length - got),
-                             static_cast<int>(flags));
+                             static_cast<int>(flags) | extra);
     if (n == 0) {
       return 0;
     }
     if (n < 0) {
+      if (extra != 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        continue;
+      }
       throw KivTCPSocketException(CLIENT_RECV_ERROR);
     }
     got += static_cast<int>(n);
@@ -102,17 +108,23 @@ int KivTCPClientSocket::SendAllWithin(const unsigned char *message, int length,
   if (length < 0 || (message == nullptr && length > 0)) {
     throw KivTCPSocketException(CLIENT_SEND_ERROR);
   }
+  // As in ReceiveAll: after a wait, a send takes only the room there is, so that a device that
+  // stops reading makes the next wait run out instead of blocking the send.
+  const int extra = limit != nullptr ? MSG_DONTWAIT : 0;
   int sent = 0;
   while (sent < length) {
     if (limit != nullptr && WaitForReadiness(mSocket, POLLOUT, *limit) == 0) {
       return -2;
     }
-    const ssize_t n =
-        ::send(mSocket, message + sent, static_cast<size_t>(length - sent), flags | MSG_NOSIGNAL);
+    const ssize_t n = ::send(mSocket, message + sent, static_cast<size_t>(length - sent),
+                             flags | MSG_NOSIGNAL | extra);
     if (n == 0) {
       return 0;
     }
     if (n < 0) {
+      if (extra != 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        continue;
+      }
       throw KivTCPSocketException(CLIENT_SEND_ERROR);
     }
     sent += static_cast<int>(n);
