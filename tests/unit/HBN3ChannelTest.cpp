@@ -1,5 +1,5 @@
 // The HBN3 channel's class: the frame header's bytes, the open handshake of every interface and
-// its faults, frame reads (tickle packets, split frames, bad tags, negative and huge lengths
+// its faults, frame reads (tickle packets, header pieces kept, bad tags, negative and huge lengths
 // without allocation, closes, wait limits), raw writes, close, and one reader at a time.
 #include <gtest/gtest.h>
 
@@ -107,7 +107,9 @@ TEST(HBN3FrameHeader, ReadsAndWritesItsNineBytes) {
   EXPECT_EQ(kHBN3MaxFramePayloadLength, 64 * 1024 * 1024);
 }
 
-TEST_F(HBN3Channel, OpenSendsTheInterfacesRequestAndJudgesTheAnswer) {
+// Every interface and every refused answer are checked through OpenTCPSocket against the device
+// simulator; here what needs a peer of the test's own or a shorter wait.
+TEST_F(HBN3Channel, OpenTakesAnAnswerInPiecesAndGivesUpOnSilence) {
   const struct {
     const char *name;
     KivEndPointInterface endPoint;
@@ -115,12 +117,6 @@ TEST_F(HBN3Channel, OpenSendsTheInterfacesRequestAndJudgesTheAnswer) {
     std::function<void(kivtest::LoopbackPeer &)> answer;
     int result;
   } cases[] = {
-      {"scan", kScanInterface, "48 42 4E 33 00 00 00 00 02",
-       [](kivtest::LoopbackPeer &p) { p.Send(Hex("48 42 4E 33 00 00 00 00 00")); }, 9},
-      {"HID", kHIDInterface, "48 42 4E 33 00 00 00 00 04",
-       [](kivtest::LoopbackPeer &p) { p.Send(Hex("48 42 4E 33 00 00 00 00 00")); }, 9},
-      {"print, byte 4 not examined", kPrintInterface, "48 42 4E 33 00 00 00 00 01",
-       [](kivtest::LoopbackPeer &p) { p.Send(Hex("48 42 4E 33 7F 00 00 00 00")); }, 9},
       {"media, answer in pieces", kMediaInterface, "48 42 4E 33 00 00 00 00 08",
        [](kivtest::LoopbackPeer &p) {
          p.Send(Hex("48 42 4E"));
@@ -130,16 +126,6 @@ TEST_F(HBN3Channel, OpenSendsTheInterfacesRequestAndJudgesTheAnswer) {
        9},
       {"outside the enumeration", KivEndPointInterface(7), "48 42 4E 33 00 00 00 00 02",
        [](kivtest::LoopbackPeer &p) { p.Send(Hex("48 42 4E 33 00 00 00 00 00")); }, 9},
-      {"non-zero length", kScanInterface, "48 42 4E 33 00 00 00 00 02",
-       [](kivtest::LoopbackPeer &p) { p.Send(Hex("48 42 4E 33 00 00 00 00 05")); }, -1},
-      {"wrong tag", kScanInterface, "48 42 4E 33 00 00 00 00 02",
-       [](kivtest::LoopbackPeer &p) { p.Send(Hex("48 42 4E 31 00 00 00 00 00")); }, -1},
-      {"closes after four bytes", kScanInterface, "48 42 4E 33 00 00 00 00 02",
-       [](kivtest::LoopbackPeer &p) {
-         p.Send(Hex("48 42 4E 33"));
-         p.CloseConnection();
-       },
-       -1},
       {"silent", kScanInterface, "48 42 4E 33 00 00 00 00 02", [](kivtest::LoopbackPeer &) {}, -1},
   };
   for (const auto &c : cases) {
@@ -249,20 +235,6 @@ TEST_F(HBN3Channel, TimedReadRunsOutAndKeepsTheHeaderBytesThatCame) {
   c.pair.Send(Bytes(frame.begin() + 5, frame.end()));
   EXPECT_EQ(c.channel.Read(c.box, KivTimeVal{1, 0}, 0), 4) << "the stream stays in step";
   EXPECT_EQ(Content(c.box), "0A 0B 0C 0D");
-}
-
-TEST_F(HBN3Channel, AFrameSplitAtEveryByteBoundaryReadsWhole) {
-  PairedChannel c;
-  const Bytes payload = kivtest::Pattern(12, 5);
-  const Bytes stream = Join({Tickle(), Frame(payload)});
-  for (size_t split = 1; split < stream.size(); ++split) {
-    std::thread device([&] { c.pair.SendSplit(stream, {split}, std::chrono::milliseconds(3)); });
-    const int read =
-        split % 2 == 0 ? c.channel.Read(c.box, 0) : c.channel.Read(c.box, KivTimeVal{2, 0}, 0);
-    device.join();
-    EXPECT_EQ(read, 12) << "split at " << split;
-    EXPECT_EQ(Content(c.box), kivtest::ToHex(payload)) << "split at " << split;
-  }
 }
 
 TEST_F(HBN3Channel, WritesSendExactlyTheBytesGiven) {
