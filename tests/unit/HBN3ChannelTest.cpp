@@ -1,5 +1,5 @@
-// The HBN3 channel's class: the frame header's bytes, the open handshake of every interface and
-// its faults, frame reads (tickle packets, header pieces kept, bad tags, negative and huge lengths
+// The HBN3 channel's class: the frame header's bytes, the open handshake's answer in pieces and
+// silence, frame reads (tickle packets, header pieces kept, bad tags, negative and huge lengths
 // without allocation, closes, wait limits), raw writes, close, and one reader at a time.
 #include <gtest/gtest.h>
 
