@@ -70,7 +70,7 @@ class ChannelFunctions : public kivtest::DescriptorCheckedTest {
 protected:
   void SetUp() override {
     kivtest::DescriptorCheckedTest::SetUp();
-    mThreads = kivtest::CountThreads();
+    mThreads = kivtest::CountThreadsBeforeATest();
     kivsim::SimulatorOptions options;
     options.hcpPort = 0;
     options.channelEnabled = true;

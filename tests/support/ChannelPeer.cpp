@@ -203,6 +203,11 @@ int CountThreads() {
   return error ? -1 : static_cast<int>(std::distance(tasks, std::filesystem::directory_iterator()));
 }
 
+int CountThreadsBeforeATest() {
+  std::thread([] {}).join();
+  return CountThreads();
+}
+
 bool WaitFor(const std::function<bool()> &condition, double seconds) {
   const auto deadline =
       std::chrono::steady_clock::now() + std::chrono::milliseconds(Milliseconds(seconds));

@@ -80,6 +80,10 @@ private:
 // Number of threads in this process.
 int CountThreads();
 
+// The same, once any helper thread a runtime starts with the first thread of the process (the
+// ThreadSanitizer's, for one) is there: take the count a test starts with this way.
+int CountThreadsBeforeATest();
+
 // Waits up to `seconds` for `condition`; true when it held.
 bool WaitFor(const std::function<bool()> &condition, double seconds);
 

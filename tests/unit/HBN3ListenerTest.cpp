@@ -123,7 +123,7 @@ class HBN3Listener : public kivtest::DescriptorCheckedTest {
 protected:
   void SetUp() override {
     kivtest::DescriptorCheckedTest::SetUp();
-    mThreads = kivtest::CountThreads();
+    mThreads = kivtest::CountThreadsBeforeATest();
   }
   void TearDown() override {
     EXPECT_TRUE(kivtest::WaitFor([&] { return kivtest::CountThreads() == mThreads; }, 5))
