@@ -7,6 +7,7 @@
 #   KIV_JOBS        parallel build jobs (default 2)
 set -euo pipefail
 cd "$(dirname "$0")/.."
+echo "==== checking the Debian packages the build needs"
 scripts/install-deps.sh
 
 build=${KIV_DEMO_BUILD:-build/demo}
@@ -14,9 +15,27 @@ jobs=${KIV_JOBS:-2}
 group=127.0.0.2
 base=127.0.0.10
 
-echo "==== building kivnet and kivsim in $build"
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKIV_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build" -j "$jobs" --target kivnet kivsim >/dev/null
+# Build output: one line per step ("[3/41] compiling src/HBN3/KivHBN3Header.cpp"); anything else
+# the build says (a warning, an error) passes through as it is.
+progress() {
+  local step='^\[([0-9]+/[0-9]+)\]'
+  sed -uE -e "s#$step Building CXX object (.*)CMakeFiles/[^/]+\.dir/(.*)\.o\$#  [\1] compiling \2\3#" \
+    -e "s#$step Linking CXX [a-z]+( library)? (.*)\$#  [\1] linking \3#" -e "s#$step #  [\1] #"
+}
+
+echo "==== configuring the build in $build (cmake)"
+configure_log=$(mktemp)
+if ! cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKIV_BUILD_TESTS=OFF \
+    -DKIV_BUILD_TOOLS=ON >"$configure_log" 2>&1; then
+  cat "$configure_log" >&2
+  rm -f "$configure_log"
+  exit 1
+fi
+rm -f "$configure_log"
+echo "==== building kivnet and kivsim ($jobs jobs)"
+start=$SECONDS
+cmake --build "$build" -j "$jobs" --target kivnet kivsim 2>&1 | progress
+echo "     built in $((SECONDS - start)) s: $build/tools/kivnet/kivnet and $build/sim/kivsim"
 kivnet_bin=$build/tools/kivnet/kivnet
 kivsim_bin=$build/sim/kivsim
 
@@ -54,7 +73,7 @@ fi
 hcp_port=$(sed -nE 's/.*HCP port ([0-9]+).*/\1/p' "$log" | head -n 1)
 hbn3_port=$(sed -nE 's/.*HBN3 port ([0-9]+).*/\1/p' "$log" | head -n 1)
 echo
-echo "==== simulated devices"
+echo "==== simulated devices (kivsim)"
 sed -n '1,5p' "$log"
 
 # Prints a command line as a user would type it, then runs it.
@@ -80,3 +99,5 @@ stop_simulator
 echo
 echo "==== simulator summary"
 tail -n 2 "$log"
+echo
+echo "the programs stay built: $kivnet_bin and $kivsim_bin (each has --help)"

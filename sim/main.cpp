@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "KivNetworkCommVersion.h"
 #include "sim/Simulator.h"
 
 namespace {
@@ -33,7 +34,6 @@ const char kUsage[] =
     "  --password TEXT       password every device asks for in configuration messages\n"
     "  --host-list-status N  status in the host-list answers (default 0)\n"
     "  --seconds S           stop after S seconds, 1 to 86400 (default 60)\n"
-    "  --help                this text\n"
     "  --fault-device N      apply the faults below to device N only (1: the first; default all)\n"
     "  --silent              faults: answer nothing\n"
     "  --delay-ms MS         faults: answer MS milliseconds late (up to 60000)\n"
@@ -45,6 +45,8 @@ const char kUsage[] =
     "  --no-netmask          faults: discovery answers carry no IPNETMASK item\n"
     "  --announce-address T  faults: discovery answers announce the address text T (up to 200\n"
     "                        bytes) instead of the device's own\n"
+    "  --help                this text\n"
+    "  --version             print the version and exit\n"
     "\n"
     "HBN3 TCP channels (each connection: the open request, the answer, then the frames):\n"
     "  --channel-port P      serve channels on port P of every device (0: a free port)\n"
@@ -112,6 +114,9 @@ int main(int argc, char **argv) {
     };
     if (option == "--help" || option == "-h") {
       std::fputs(kUsage, stdout);
+      return 0;
+    } else if (option == "--version") {
+      std::printf("kivsim (KivNetworkComm) %s\n", KIVNETWORKCOMM_VERSION);
       return 0;
     } else if (option == "--devices") {
       devices = Number("--devices", value(), 1, 1000);

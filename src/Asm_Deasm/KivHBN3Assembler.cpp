@@ -15,9 +15,6 @@ namespace {
 
 typedef std::vector<unsigned char> Bytes;
 
-// Number of report bytes a request scan carries after its header.
-constexpr int kReportLength = 8;
-
 // A new container holding `message`. The container's copy is the caller's to release; the
 // working bytes go with the vector.
 KivNetBuffer Store(const Bytes &message) {
@@ -28,7 +25,7 @@ KivNetBuffer Store(const Bytes &message) {
 
 // The whole message of an HBN3 header, with the payload it holds.
 KivNetBuffer StoreHBN3(KivHBN3Header &header) {
-  Bytes message(static_cast<size_t>(KivHBN3Header::kHeaderLength + header.GetPayloadSize()));
+  Bytes message(static_cast<size_t>(kHBN3HeaderLength + header.GetPayloadSize()));
   header.GetDataStream(message.data(), static_cast<int>(message.size()));
   return Store(message);
 }
@@ -71,10 +68,10 @@ KivNetBuffer KivHBN3Assembler::CreateRequestScan(bool /*bPwdFlag*/, UInt32 iPort
                                                  UInt32 iTimeStamp, UInt64 iHIDRep) {
   // The header holds no payload: it only declares the 8 report bytes written after it here.
   KivHBN3Header header(kHeaderTypeHBN3, iPortInfo, kChannelScan, iTimeStamp, kCmdRequestScan);
-  header.SetDataLength(kReportLength);
+  header.SetDataLength(kHBN3ReportLength);
   Bytes message(kRequestScanLength);
-  header.GetDataHeader(message.data(), KivHBN3Header::kHeaderLength);
-  kiv::WriteLE64(message.data() + KivHBN3Header::kHeaderLength, iHIDRep);
+  header.GetDataHeader(message.data(), kHBN3HeaderLength);
+  kiv::WriteLE64(message.data() + kHBN3HeaderLength, iHIDRep);
   return Store(message);
 }
 

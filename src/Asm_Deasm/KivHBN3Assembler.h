@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Asm_Deasm/KivAssembler.h"
+#include "Common/Constants/KivCommunicationConstants.h"
 
 // Builds each message with the wire classes (KivHBN3Header with its payloads, the HCP discovery
 // query, the HCP configuration message) and returns it in a new container. Holds no state: one
@@ -22,7 +23,7 @@ public:
   // Room given to the configuration message's text record; a longer record is refused.
   static constexpr int kConfigTextRoom = 1024;
   // Length of a request scan: the header and the 8 report bytes.
-  static constexpr int kRequestScanLength = 32;
+  static constexpr int kRequestScanLength = kHBN3HeaderLength + kHBN3ReportLength;
 
   KivHBN3Assembler() = default;
   ~KivHBN3Assembler() override;

@@ -4,31 +4,18 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <new>
+#include <utility>
 
+#include "CommonFiles/KivOwnedBlock.h"
 #include "CommonFiles/KivWireBytes.h"
 #include "Exceptions/KivWrapperException.h"
-#include "HBN3/KivHBN3Header.h"
 #include "HBN3/KivHBN3PayLoad.h"
 #include "HelperFiles/KivNetHelperUtils.h"
 
 namespace {
 
-// HBN3 header layout.
-constexpr int kOffTag = KivHBN3Header::kOffTag;
-constexpr int kOffPortInfo = KivHBN3Header::kOffPortInfo;
-constexpr int kOffChannel = KivHBN3Header::kOffChannel;
-constexpr int kOffTimeStamp = KivHBN3Header::kOffTimeStamp;
-constexpr int kOffCommand = KivHBN3Header::kOffCommand;
-constexpr int kHBN3HeaderLength = KivHBN3Header::kHeaderLength;
-constexpr int kOffPayload = KivHBN3Header::kHeaderLength;
-constexpr int kReportLength = 8;
-
-// An "HCP1" message carries its command after the 24 bytes of addresses, not at 16.
-constexpr int kOffHCPCommand = 24;
-
-// The device's result byte of an HCP configuration answer.
-constexpr int kOffHCPResult = 26;
+// The outcome code of a host-list answer, the first payload field.
+constexpr int kHostListStatusLength = 4;
 
 // Longest unquoted item value; longer runs are cut.
 constexpr size_t kMaxRunLength = 31;
@@ -38,27 +25,6 @@ constexpr size_t kAttachedFlagWindow = 5;
 
 // Number of per-port occurrences a discovery answer may carry; later ones are ignored.
 constexpr int kPortSlots = 4;
-
-// The keys of an HCP answer. A value starts one byte (the separator) after its key.
-constexpr char kKeyIPAddress[] = "IPADDRESS";
-constexpr char kKeyIPNetMask[] = "IPNETMASK";
-constexpr char kKeyIPGateway[] = "IPGATEWAY";
-constexpr char kKeyIPName[] = "IPNAME";
-constexpr char kKeyMacLaa[] = "MACLAA";
-constexpr char kKeyMacUaa[] = "MACUAA";
-constexpr char kKeyAdapterType[] = "ADAPTERTYPE";
-constexpr char kKeyIPAddrSource[] = "IPADDRSOURCE";
-constexpr char kKeyStrID[] = "STRID";
-constexpr char kKeyOEMByte[] = "OEMBYTE";
-constexpr char kKeyPasswordSet[] = "PASSWORDSET";
-constexpr char kKeyAdapterName[] = "ADAPTERNAME";
-constexpr char kKeyCPDAttached[] = "CPDATTACHED";
-constexpr char kKeyPrinterVidPid[] = "PRINTERVIDPID";
-
-// Where the value of the key found at `keyPosition` starts.
-template <size_t N> size_t ValueStart(size_t keyPosition, const char (&)[N]) {
-  return keyPosition + N; // N - 1 key characters and the separator
-}
 
 // Any failure inside the HCP parse; the boundary of ParseHCPResponse gives it its one code.
 [[noreturn]] void FailHCP() {
@@ -98,31 +64,6 @@ unsigned char ReverseBits(unsigned char b) {
   return out;
 }
 
-// The quoted text of a per-port item whose value starts at `start`: after the port token and its
-// space, between double quotes. `open` receives the opening quote's position, from which the next
-// occurrence is searched. The text is cut out only when `needed` (its slot is in use); a missing
-// space or opening quote fails either way, a missing closing quote only when needed.
-std::string QuotedPortText(const std::string &text, size_t start, bool needed, size_t &open) {
-  // The port token before the space is not needed here: the slot comes from the item's order.
-  const size_t space = text.find(' ', start);
-  if (space == std::string::npos) {
-    FailHCP();
-  }
-  open = text.find('"', space + 1);
-  if (open == std::string::npos) {
-    FailHCP();
-  }
-  if (!needed) {
-    return std::string();
-  }
-  // The closing quote is searched from the second byte of the text, so the text is never empty.
-  const size_t close = text.find('"', open + 2);
-  if (close == std::string::npos) {
-    FailHCP();
-  }
-  return text.substr(open + 1, close - open - 1);
-}
-
 // The universal MAC of an answer (12 hexadecimal digits, bits of each byte reversed) in the
 // record's form: "ET" and 12 lowercase digits in ordinary bit order.
 std::string ConvertMacUaa(const std::string &value) {
@@ -146,13 +87,13 @@ std::string ConvertMacUaa(const std::string &value) {
 } // namespace
 
 KivHBN3Disassembler::KivHBN3Disassembler()
-    : mHeaderType(0), mCommand(0), mLength(0), mDataStream(nullptr), mAddressState(false) {}
+    : mHeaderType(0), mCommand(0), mLength(0), mDataStream(), mAddressState(false) {}
 
 KivHBN3Disassembler::KivHBN3Disassembler(KivNetBuffer &msgObject) : KivHBN3Disassembler() {
   SetMessage(&msgObject);
 }
 
-KivHBN3Disassembler::~KivHBN3Disassembler() { delete[] mDataStream; }
+KivHBN3Disassembler::~KivHBN3Disassembler() = default;
 
 void KivHBN3Disassembler::SetMessage(KivNetBuffer *msgObject) {
   if (msgObject == nullptr) {
@@ -162,32 +103,20 @@ void KivHBN3Disassembler::SetMessage(KivNetBuffer *msgObject) {
   if (length < 0) {
     throw KivWrapperException(kClassHBN3Disassembler, kFnSetMessage, COPY_ERROR);
   }
-  // The new copy is complete before the old one goes, so a failure keeps the earlier message.
-  // new[] of 0 bytes still gives a block, which GetBuffer needs for an empty container.
-  unsigned char *copy = new (std::nothrow) unsigned char[static_cast<size_t>(length)];
-  if (copy == nullptr) {
-    throw KivWrapperException(kClassHBN3Disassembler, kFnSetMessage, COPY_ERROR);
-  }
-  try {
-    msgObject->GetBuffer(copy, length);
-  } catch (const KivWrapperException &) {
-    delete[] copy;
-    throw;
-  } catch (...) {
-    delete[] copy;
-    throw KivWrapperException(kClassHBN3Disassembler, kFnSetMessage, COPY_ERROR);
-  }
-  delete[] mDataStream;
-  mDataStream = copy;
+  // The new copy is complete before the old one goes, so a failure keeps the earlier message. An
+  // empty container still gives a block, so the parser never holds a null message once it has
+  // one.
+  mDataStream = kiv::CopyToBlock(msgObject->GetBufferRef(), static_cast<size_t>(length),
+                                 kClassHBN3Disassembler, kFnSetMessage);
   mLength = length;
 
   // Classification reads only what arrived: a field the message is too short for reads as 0,
   // as in the container. The parse operations check their own fields.
-  mHeaderType = kiv::ReadBE32At(mDataStream, mLength, kOffTag);
+  mHeaderType = kiv::ReadBE32At(mDataStream.get(), mLength, kHBN3OffsetTag);
   if (mHeaderType == kHeaderTypeHCP1) {
-    mCommand = kiv::ReadBE32At(mDataStream, mLength, kOffHCPCommand);
+    mCommand = kiv::ReadBE32At(mDataStream.get(), mLength, kHCPOffsetCommand);
   } else if (mHeaderType == kHeaderTypeHBN3) {
-    mCommand = kiv::ReadBE32At(mDataStream, mLength, kOffCommand);
+    mCommand = kiv::ReadBE32At(mDataStream.get(), mLength, kHBN3OffsetCommand);
   }
 }
 
@@ -203,40 +132,44 @@ HBNResponseInfo HeaderFields(const unsigned char *message, int length, int neede
     throw KivWrapperException(kClassHBN3Disassembler, function, COPY_ERROR);
   }
   HBNResponseInfo info;
-  info.iPortInfo = kiv::ReadBE32(message + kOffPortInfo);
-  info.iChannelID = kiv::ReadBE32(message + kOffChannel);
+  info.iPortInfo = kiv::ReadBE32(message + kHBN3OffsetPortInfo);
+  info.iChannelID = kiv::ReadBE32(message + kHBN3OffsetChannel);
   return info;
 }
 
 } // namespace
 
 HBNResponseInfo KivHBN3Disassembler::ParsePingResponse() {
-  HBNResponseInfo info = HeaderFields(mDataStream, mLength, kOffCommand + 4, kFnParsePingResponse);
-  info.iStatus = kiv::ReadBE32(mDataStream + kOffCommand) == kCmdPingReply ? 1 : 0;
+  HBNResponseInfo info = HeaderFields(mDataStream.get(), mLength,
+                                      kHBN3OffsetCommand + kHBN3FieldLength, kFnParsePingResponse);
+  info.iStatus = kiv::ReadBE32(mDataStream.get() + kHBN3OffsetCommand) == kCmdPingReply ? 1 : 0;
   return info;
 }
 
 HBNResponseInfo KivHBN3Disassembler::ParseRequestScanResponse() {
   HBNResponseInfo info =
-      HeaderFields(mDataStream, mLength, kOffCommand + 4, kFnParseRequestScanResponse);
-  info.iStatus = kiv::ReadBE32(mDataStream + kOffCommand) == kCmdRequestScanReply ? 1 : 0;
+      HeaderFields(mDataStream.get(), mLength, kHBN3OffsetCommand + kHBN3FieldLength,
+                   kFnParseRequestScanResponse);
+  info.iStatus =
+      kiv::ReadBE32(mDataStream.get() + kHBN3OffsetCommand) == kCmdRequestScanReply ? 1 : 0;
   return info;
 }
 
 HBNResponseInfo KivHBN3Disassembler::ParseHostListEntryResponse() {
   HBNResponseInfo info =
-      HeaderFields(mDataStream, mLength, kOffPayload + 4, kFnParseHostListEntryResponse);
+      HeaderFields(mDataStream.get(), mLength, kHBN3OffsetPayload + kHostListStatusLength,
+                   kFnParseHostListEntryResponse);
   // The device's outcome code, passed on without interpretation.
-  info.iStatus = kiv::ReadBE32(mDataStream + kOffPayload);
+  info.iStatus = kiv::ReadBE32(mDataStream.get() + kHBN3OffsetPayload);
   return info;
 }
 
 HBNResponseInfo KivHBN3Disassembler::ParseRequestScan() {
-  HBNResponseInfo info =
-      HeaderFields(mDataStream, mLength, kOffPayload + kReportLength, kFnParseRequestScan);
-  info.iTimeStamp = kiv::ReadBE32(mDataStream + kOffTimeStamp);
+  HBNResponseInfo info = HeaderFields(mDataStream.get(), mLength,
+                                      kHBN3OffsetPayload + kHBN3ReportLength, kFnParseRequestScan);
+  info.iTimeStamp = kiv::ReadBE32(mDataStream.get() + kHBN3OffsetTimeStamp);
   // The report is the one field not in network order: least significant byte first.
-  info.iReport = kiv::ReadLE64(mDataStream + kOffPayload);
+  info.iReport = kiv::ReadLE64(mDataStream.get() + kHBN3OffsetPayload);
   return info;
 }
 
@@ -245,11 +178,11 @@ StatCacheResponse KivHBN3Disassembler::ParseStatusCacheResponse() {
     if (!kiv::Fits(0, kHBN3HeaderLength, mLength)) {
       throw KivWrapperException(kClassHBN3Disassembler, kFnParseStatusCacheResponse, COPY_ERROR);
     }
-    KivHBN3StatusCacheResponsePayload payload(mDataStream + kHBN3HeaderLength,
+    KivHBN3StatusCacheResponsePayload payload(mDataStream.get() + kHBN3HeaderLength,
                                               mLength - kHBN3HeaderLength);
     StatCacheResponse response;
-    response.iPortInfo = kiv::ReadBE32(mDataStream + kOffPortInfo);
-    response.iChannelID = kiv::ReadBE32(mDataStream + kOffChannel);
+    response.iPortInfo = kiv::ReadBE32(mDataStream.get() + kHBN3OffsetPortInfo);
+    response.iChannelID = kiv::ReadBE32(mDataStream.get() + kHBN3OffsetChannel);
     // A cut-short answer (declared length beyond what arrived, or negative) holds no status
     // bytes; the record then tells exactly what it carries: nothing.
     const int held = payload.GetHeldStatusLength();
@@ -312,6 +245,206 @@ std::string KivHBN3Disassembler::getValue(std::string strStream, int iIndex) {
 
 // ---- HCP answers ----
 
+namespace {
+
+// How the value of an HCP item is read.
+enum class HcpRule {
+  kAddress,     // the item value rules (getValue) in address mode
+  kText,        // the item value rules
+  kMacUaa,      // the item value rules, then the MAC conversion
+  kYesNo,       // the first value byte only
+  kAttached,    // per port: port token, space, attached flag
+  kPortText,    // per port: port token, space, quoted text
+  kProductText, // as kPortText, less one leading space
+};
+
+// One item of an HCP answer: its key, how its value is read, whether a configuration answer
+// carries it too, and where the value goes (a field of the record, or of each port's entry).
+struct HcpItem {
+  const char *key;
+  HcpRule rule;
+  bool inConfigurationAnswer;
+  std::string KivNetRecord::*field;
+  std::string DeviceSpecific::*portField;
+};
+
+// The items in the order they are read. A discovery answer must carry all fourteen, a
+// configuration answer the three addresses. The order is kept on purpose: a parse that fails
+// leaves the fields read before the failure in the record, and the attached flags must be known
+// before the per-port texts are stored.
+const HcpItem kHcpItems[] = {
+    // Addresses are sent unquoted and may be followed directly by a text record's length byte,
+    // which a digit-or-dot run leaves out.
+    {"IPADDRESS", HcpRule::kAddress, true, &KivNetRecord::strIPAddr, nullptr},
+    {"IPNETMASK", HcpRule::kAddress, true, &KivNetRecord::strIPNetMask, nullptr},
+    {"IPGATEWAY", HcpRule::kAddress, true, &KivNetRecord::strIPGateway, nullptr},
+    {"IPNAME", HcpRule::kText, false, &KivNetRecord::strIPName, nullptr},
+    {"MACLAA", HcpRule::kText, false, &KivNetRecord::strMacLaa, nullptr},
+    {"MACUAA", HcpRule::kMacUaa, false, &KivNetRecord::strMacUaa, nullptr},
+    {"CPDATTACHED", HcpRule::kAttached, false, nullptr, &DeviceSpecific::strCPDAttached},
+    {"STRID", HcpRule::kProductText, false, nullptr, &DeviceSpecific::strProdID},
+    {"PRINTERVIDPID", HcpRule::kPortText, false, nullptr, &DeviceSpecific::strPrintrVidPid},
+    {"ADAPTERNAME", HcpRule::kText, false, &KivNetRecord::strAdapterName, nullptr},
+    {"PASSWORDSET", HcpRule::kYesNo, false, &KivNetRecord::strPwdSet, nullptr},
+    {"ADAPTERTYPE", HcpRule::kText, false, &KivNetRecord::strAdapterType, nullptr},
+    {"IPADDRSOURCE", HcpRule::kText, false, &KivNetRecord::strIPAddrSrc, nullptr},
+    {"OEMBYTE", HcpRule::kText, false, &KivNetRecord::strOEMByte, nullptr},
+};
+constexpr size_t kHcpItemCount = sizeof kHcpItems / sizeof kHcpItems[0];
+
+// Reads the items of one HCP answer, held as `text`, with the value rules of `parser`. Every key
+// is found once, by its first occurrence (case-sensitive); the value starts one byte (the
+// separator, which is not checked) after the key.
+class HcpAnswerReader {
+public:
+  HcpAnswerReader(KivHBN3Disassembler &parser, const std::string &text)
+      : mParser(parser), mText(text) {
+    for (size_t i = 0; i < kHcpItemCount; ++i) {
+      mPositions[i] = mText.find(kHcpItems[i].key);
+    }
+    for (DeviceSpecific &slot : mSlots) {
+      slot.iFlag = 0;
+      slot.iPortInfo = 0;
+    }
+  }
+
+  // Reads the items a configuration answer carries too (`configurationItems`), or the others,
+  // into `rec`. Fails before reading any of them when one is missing.
+  void ReadItems(bool configurationItems, KivNetRecord &rec) {
+    for (size_t i = 0; i < kHcpItemCount; ++i) {
+      if (kHcpItems[i].inConfigurationAnswer == configurationItems && mPositions[i] == npos) {
+        FailHCP();
+      }
+    }
+    for (size_t i = 0; i < kHcpItemCount; ++i) {
+      if (kHcpItems[i].inConfigurationAnswer != configurationItems) {
+        continue;
+      }
+      const HcpItem &item = kHcpItems[i];
+      if (item.portField != nullptr) {
+        ReadPortItem(item, mPositions[i]);
+      } else {
+        rec.*item.field = RecordValue(item, ValueStart(item, mPositions[i]));
+      }
+    }
+  }
+
+  // Appends the entries of the attached ports, in the order their items came.
+  void AppendEntries(KivNetRecord &rec) const {
+    for (const DeviceSpecific &slot : mSlots) {
+      if (slot.iFlag == 1) {
+        rec.vecDeviceSpecific.push_back(slot);
+      }
+    }
+  }
+
+private:
+  static constexpr size_t npos = std::string::npos;
+
+  static size_t ValueStart(const HcpItem &item, size_t keyPosition) {
+    return keyPosition + std::strlen(item.key) + 1;
+  }
+
+  // The value at `start` by the item value rules (a start past the message fails).
+  std::string Value(size_t start) {
+    if (start > mText.size()) {
+      FailHCP();
+    }
+    return mParser.getValue(mText, static_cast<int>(start));
+  }
+
+  // The value of one of the record's own items, read by its rule.
+  std::string RecordValue(const HcpItem &item, size_t start) {
+    switch (item.rule) {
+    case HcpRule::kAddress: {
+      mParser.isAddress(true);
+      std::string value = Value(start);
+      mParser.isAddress(false);
+      return value;
+    }
+    case HcpRule::kMacUaa:
+      return ConvertMacUaa(Value(start));
+    case HcpRule::kYesNo: {
+      // Only the first byte counts, in either case; a quoted value is not a yes or no.
+      const char flag = start < mText.size() ? mText[start] : '\0';
+      if (flag == 'F' || flag == 'f') {
+        return "FALSE";
+      }
+      return flag == 'T' || flag == 't' ? "TRUE" : "";
+    }
+    case HcpRule::kText:
+    default:
+      return Value(start);
+    }
+  }
+
+  // The k-th CPDATTACHED, STRID and PRINTERVIDPID items describe the same port: devices list
+  // them in one order, so they are paired by occurrence, not by port number. The occurrence after
+  // one is searched from just past its space (CPDATTACHED) or its opening quote; each value is
+  // located even for an unused slot, so the search always advances and a detached port does not
+  // shift the pairing. A fifth occurrence is ignored.
+  void ReadPortItem(const HcpItem &item, size_t first) {
+    size_t at = first;
+    for (int k = 0; k < kPortSlots && at != npos; ++k) {
+      const size_t start = ValueStart(item, at);
+      // Every per-port value starts with the port token and a space.
+      const size_t space = mText.find(' ', start);
+      if (space == npos) {
+        FailHCP();
+      }
+      const size_t resume = item.rule == HcpRule::kAttached ? ReadAttached(mSlots[k], start, space)
+                                                            : ReadQuoted(item, mSlots[k], space);
+      at = mText.find(item.key, resume);
+    }
+  }
+
+  // A port counts as attached when a "1" follows its token's space closely; only then is its
+  // slot used. Returns where the next occurrence is searched from.
+  size_t ReadAttached(DeviceSpecific &slot, size_t start, size_t space) {
+    const std::string token = mText.substr(start, space - start);
+    const size_t flagEnd = std::min(space + 1 + kAttachedFlagWindow, mText.size());
+    if (mText.find('1', space + 1) < flagEnd) {
+      slot.iPortInfo = PortNumber(token);
+      slot.strCPDAttached = token + " 1";
+      slot.iFlag = 1;
+    }
+    return space + 1;
+  }
+
+  // The text between the double quotes after the port token's space, stored in a slot in use
+  // (the port token itself is not needed: the slot comes from the item's order). A missing
+  // opening quote fails either way, a missing closing quote only for a slot in use. Returns where
+  // the next occurrence is searched from.
+  size_t ReadQuoted(const HcpItem &item, DeviceSpecific &slot, size_t space) {
+    const size_t open = mText.find('"', space + 1);
+    if (open == npos) {
+      FailHCP();
+    }
+    if (slot.iFlag != 1) {
+      return open + 1;
+    }
+    // The closing quote is searched from the second byte of the text, so the text is never empty.
+    const size_t close = mText.find('"', open + 2);
+    if (close == npos) {
+      FailHCP();
+    }
+    std::string quoted = mText.substr(open + 1, close - open - 1);
+    // Some devices put a space after the opening quote of the product text.
+    if (item.rule == HcpRule::kProductText && !quoted.empty() && quoted[0] == ' ') {
+      quoted.erase(0, 1);
+    }
+    slot.*item.portField = quoted;
+    return open + 1;
+  }
+
+  KivHBN3Disassembler &mParser;
+  const std::string &mText;
+  size_t mPositions[kHcpItemCount];
+  DeviceSpecific mSlots[kPortSlots];
+};
+
+} // namespace
+
 UInt32 KivHBN3Disassembler::ParseHCPResponse(UInt32 iType, KivNetRecord &recDiscovered) {
   // Whatever goes wrong inside (a missing key, a cut value, no memory, no host interface for the
   // MAC conversion) reaches the caller as the one code of this operation.
@@ -326,141 +459,27 @@ UInt32 KivHBN3Disassembler::ParseHCPResponse(UInt32 iType, KivNetRecord &recDisc
 UInt32 KivHBN3Disassembler::ReadHCPAnswer(UInt32 iType, KivNetRecord &rec) {
   // The answer is searched as a whole, zero bytes included: a text record's length bytes and the
   // DNS header around it may hold anything.
-  const std::string text = mLength > 0 ? std::string(reinterpret_cast<const char *>(mDataStream),
-                                                     static_cast<size_t>(mLength))
-                                       : std::string();
-  const size_t npos = std::string::npos;
-  const size_t posIPAddress = text.find(kKeyIPAddress);
-  const size_t posIPNetMask = text.find(kKeyIPNetMask);
-  const size_t posIPGateway = text.find(kKeyIPGateway);
-  const size_t posIPName = text.find(kKeyIPName);
-
-  // Reads the value at `start` (past the message fails).
-  auto valueAt = [&](size_t start) -> std::string {
-    if (start > text.size()) {
+  const std::string text = mLength > 0
+                               ? std::string(reinterpret_cast<const char *>(mDataStream.get()),
+                                             static_cast<size_t>(mLength))
+                               : std::string();
+  HcpAnswerReader reader(*this, text);
+  const bool discovery = iType == kHCPDiscoveryResponse;
+  if (!discovery) {
+    if (!kiv::Fits(kHCPOffsetResult, 1, mLength)) {
       FailHCP();
     }
-    return getValue(text, static_cast<int>(start));
-  };
-
-  if (iType != kHCPDiscoveryResponse) {
-    if (!kiv::Fits(kOffHCPResult, 1, mLength)) {
-      FailHCP();
-    }
-    rec.iResponse = mDataStream[kOffHCPResult];
+    rec.iResponse = mDataStream[kHCPOffsetResult];
     if (rec.iResponse != 0) {
       // The device refused the configuration; its answer carries no addresses to read.
       return 0;
     }
   }
-
-  if (posIPAddress == npos || posIPNetMask == npos || posIPGateway == npos) {
-    FailHCP();
-  }
-  // Addresses are sent unquoted and may be followed directly by a text record's length byte,
-  // which a digit-or-dot run leaves out.
-  isAddress(true);
-  rec.strIPAddr = valueAt(ValueStart(posIPAddress, kKeyIPAddress));
-  rec.strIPNetMask = valueAt(ValueStart(posIPNetMask, kKeyIPNetMask));
-  rec.strIPGateway = valueAt(ValueStart(posIPGateway, kKeyIPGateway));
-  isAddress(false);
-
-  if (iType != kHCPDiscoveryResponse) {
+  reader.ReadItems(true, rec); // the three addresses, which both answers carry
+  if (!discovery) {
     return 0;
   }
-
-  const size_t posMacLaa = text.find(kKeyMacLaa);
-  const size_t posMacUaa = text.find(kKeyMacUaa);
-  const size_t posAdapterType = text.find(kKeyAdapterType);
-  const size_t posIPAddrSource = text.find(kKeyIPAddrSource);
-  const size_t posStrID = text.find(kKeyStrID);
-  const size_t posOEMByte = text.find(kKeyOEMByte);
-  const size_t posPasswordSet = text.find(kKeyPasswordSet);
-  const size_t posAdapterName = text.find(kKeyAdapterName);
-  const size_t posCPDAttached = text.find(kKeyCPDAttached);
-  const size_t posPrinterVidPid = text.find(kKeyPrinterVidPid);
-  for (size_t position :
-       {posIPName, posMacLaa, posMacUaa, posAdapterType, posIPAddrSource, posStrID, posOEMByte,
-        posPasswordSet, posAdapterName, posCPDAttached, posPrinterVidPid}) {
-    if (position == npos) {
-      FailHCP();
-    }
-  }
-
-  rec.strIPName = valueAt(ValueStart(posIPName, kKeyIPName));
-  rec.strMacLaa = valueAt(ValueStart(posMacLaa, kKeyMacLaa));
-  rec.strMacUaa = ConvertMacUaa(valueAt(ValueStart(posMacUaa, kKeyMacUaa)));
-
-  DeviceSpecific slots[kPortSlots];
-  for (DeviceSpecific &slot : slots) {
-    slot.iFlag = 0;
-    slot.iPortInfo = 0;
-  }
-
-  // The k-th CPDATTACHED, STRID and PRINTERVIDPID items describe the same port: devices list
-  // them in one order, so they are paired by occurrence, not by port number. Each pass moves its
-  // search on even past an unused slot, so a detached port does not shift the pairing.
-  size_t position = posCPDAttached;
-  for (int k = 0; k < kPortSlots && position != npos; ++k) {
-    const size_t start = ValueStart(position, kKeyCPDAttached);
-    const size_t space = text.find(' ', start);
-    if (space == npos) {
-      FailHCP();
-    }
-    const std::string token = text.substr(start, space - start);
-    const size_t flagEnd = std::min(space + 1 + kAttachedFlagWindow, text.size());
-    if (text.find('1', space + 1) < flagEnd) {
-      slots[k].iPortInfo = PortNumber(token);
-      slots[k].strCPDAttached = token + " 1";
-      slots[k].iFlag = 1;
-    }
-    position = text.find(kKeyCPDAttached, space + 1);
-  }
-
-  // The quoted-text passes: the k-th occurrence of `key`, from `first` on, belongs to slot k; the
-  // text is located for every occurrence so the search always advances, and stored for slots in
-  // use.
-  const auto quotedPass = [&](size_t first, const auto &key, auto store) {
-    size_t at = first;
-    for (int k = 0; k < kPortSlots && at != npos; ++k) {
-      size_t open = 0;
-      const std::string quoted =
-          QuotedPortText(text, ValueStart(at, key), slots[k].iFlag == 1, open);
-      if (slots[k].iFlag == 1) {
-        store(slots[k], quoted);
-      }
-      at = text.find(key, open + 1);
-    }
-  };
-  quotedPass(posStrID, kKeyStrID, [](DeviceSpecific &slot, const std::string &quoted) {
-    // Some devices put a space after the opening quote of the product text.
-    slot.strProdID = !quoted.empty() && quoted[0] == ' ' ? quoted.substr(1) : quoted;
-  });
-  quotedPass(
-      posPrinterVidPid, kKeyPrinterVidPid,
-      [](DeviceSpecific &slot, const std::string &quoted) { slot.strPrintrVidPid = quoted; });
-
-  rec.strAdapterName = valueAt(ValueStart(posAdapterName, kKeyAdapterName));
-
-  // Only the first byte counts, in either case; a quoted value is not a yes or no.
-  const size_t passwordAt = ValueStart(posPasswordSet, kKeyPasswordSet);
-  const char flag = passwordAt < text.size() ? text[passwordAt] : '\0';
-  if (flag == 'F' || flag == 'f') {
-    rec.strPwdSet = "FALSE";
-  } else if (flag == 'T' || flag == 't') {
-    rec.strPwdSet = "TRUE";
-  } else {
-    rec.strPwdSet = "";
-  }
-
-  rec.strAdapterType = valueAt(ValueStart(posAdapterType, kKeyAdapterType));
-  rec.strIPAddrSrc = valueAt(ValueStart(posIPAddrSource, kKeyIPAddrSource));
-  rec.strOEMByte = valueAt(ValueStart(posOEMByte, kKeyOEMByte));
-
-  for (const DeviceSpecific &slot : slots) {
-    if (slot.iFlag == 1) {
-      rec.vecDeviceSpecific.push_back(slot);
-    }
-  }
+  reader.ReadItems(false, rec); // the discovery answer's other items
+  reader.AppendEntries(rec);
   return 0;
 }

@@ -2,6 +2,7 @@
 #ifndef KIV_ASM_DEASM_KIVHBN3DISASSEMBLER_H
 #define KIV_ASM_DEASM_KIVHBN3DISASSEMBLER_H
 
+#include <memory>
 #include <string>
 
 #include "Asm_Deasm/KivDisassembler.h"
@@ -9,8 +10,7 @@
 // Holds its own copy of one received message (any length, from any peer) and reads the answer
 // its caller asks for. No operation reads outside the held bytes: a message too short for the
 // fields an operation reads fails with COPY_ERROR and that operation's function number.
-// Every failure is a KivWrapperException with class number 0x70000 (the container's own
-// exceptions from SetMessage pass through unchanged).
+// Every failure is a KivWrapperException with class number 0x70000.
 class KIV_EXPORT KivHBN3Disassembler : public KivDisassembler {
 public:
   // Function numbers of the throwing members.
@@ -34,8 +34,8 @@ public:
   // Takes a copy of the container's message; the header type is bytes 0-3, the command bytes
   // 16-19 of an "HBN3" message or bytes 24-27 of an "HCP1" message (other tags keep the command).
   // A field the message is too short for reads as 0; the parse operations refuse such messages.
-  // Throws BUFFER_NULL (null container) or COPY_ERROR of 0x400, or passes on the container's
-  // GetBuffer exception; after a failure the earlier message is still held.
+  // Throws BUFFER_NULL (null container) or COPY_ERROR (no memory for the copy) of 0x400; after a
+  // failure the earlier message is still held.
   void SetMessage(KivNetBuffer *msgObject) override;
   UInt32 GetHeaderType() override { return mHeaderType; }
   UInt32 GetCommandType() override { return mCommand; }
@@ -84,7 +84,7 @@ private:
   UInt32 mHeaderType;
   UInt32 mCommand;
   int mLength;
-  unsigned char *mDataStream; // owned (array); null before the first message
+  std::unique_ptr<unsigned char[]> mDataStream; // null before the first message
   bool mAddressState;
 };
 

@@ -2,6 +2,12 @@
 #ifndef KIV_COMMON_KIVTYPES_H
 #define KIV_COMMON_KIVTYPES_H
 
+// The exported declarations use C++17 (std::string parameters, inline constants); the host picks
+// its own standard, 17 or later.
+#if !defined(__cplusplus) || __cplusplus < 201703L
+#error "KivNetworkComm headers need C++17 or later: compile the host with -std=c++17 (or newer)"
+#endif
+
 #include <cstdint>
 
 typedef std::uint8_t UInt8;

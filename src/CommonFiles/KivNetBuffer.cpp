@@ -1,10 +1,12 @@
 // The message container.
 #include "CommonFiles/KivNetBuffer.h"
 
+#include <climits>
 #include <cstring>
-#include <new>
 
+#include "Common/Constants/KivCommunicationConstants.h"
 #include "CommonFiles/KivHandleRegistry.h"
+#include "CommonFiles/KivOwnedBlock.h"
 #include "CommonFiles/KivWireBytes.h"
 #include "Exceptions/KivWrapperException.h"
 
@@ -14,14 +16,7 @@ namespace {
   throw KivWrapperException(kClassNetBuffer, function, error);
 }
 
-// Allocates `length` bytes (length > 0) or throws COPY_ERROR of `function`.
-unsigned char *Allocate(int length, UInt32 function) {
-  unsigned char *block = new (std::nothrow) unsigned char[static_cast<size_t>(length)];
-  if (block == nullptr) {
-    Fail(function, COPY_ERROR);
-  }
-  return block;
-}
+size_t Size(int length) { return static_cast<size_t>(length); }
 
 } // namespace
 
@@ -43,19 +38,20 @@ int KivNetBuffer::SetBuffer(const unsigned char *buffer, int length) {
   }
   // The source may lie in the block being replaced (the container's own bytes, or a copy that
   // shares them), so it is copied before that block is released.
-  unsigned char *block = new (std::nothrow) unsigned char[static_cast<size_t>(length)];
-  if (block == nullptr) {
+  kiv::OwnedBlock block;
+  try {
+    block = kiv::CopyToBlock(buffer, Size(length), kClassNetBuffer, kFnSetBuffer);
+  } catch (const KivWrapperException &) {
     // The container is left empty: never a pointer to released storage.
     ResetBuffer();
-    Fail(kFnSetBuffer, COPY_ERROR);
+    throw;
   }
-  std::memcpy(block, buffer, static_cast<size_t>(length));
   ResetBuffer();
-  mBuffer = block;
+  mBuffer = block.release();
   mBufferLength = length;
   // A message too short to hold a field records 0 for it rather than reading past its end.
-  mHeader = kiv::ReadBE32At(block, length, 0);
-  mCommand = kiv::ReadBE32At(block, length, 16);
+  mHeader = kiv::ReadBE32At(mBuffer, length, kHBN3OffsetTag);
+  mCommand = kiv::ReadBE32At(mBuffer, length, kHBN3OffsetCommand);
   return mBufferLength;
 }
 
@@ -67,7 +63,7 @@ int KivNetBuffer::GetBuffer(unsigned char *buffer, int length) const {
     Fail(kFnGetBuffer, BUFFER_SIZE_ERROR);
   }
   if (mBufferLength > 0) {
-    std::memcpy(buffer, mBuffer, static_cast<size_t>(mBufferLength));
+    std::memcpy(buffer, mBuffer, Size(mBufferLength));
   }
   return mBufferLength;
 }
@@ -84,17 +80,17 @@ int KivNetBuffer::ExtractFromBuffer(unsigned char *buffer, int length) {
   }
   if (mBufferLength <= length) {
     const int moved = mBufferLength;
-    std::memcpy(buffer, mBuffer, static_cast<size_t>(moved));
+    std::memcpy(buffer, mBuffer, Size(moved));
     ResetBuffer();
     return moved;
   }
-  // Allocate the remainder first, so a failure leaves the content as it was.
+  // Copy the remainder first, so a failure leaves the content as it was.
   const int remaining = mBufferLength - length;
-  unsigned char *rest = Allocate(remaining, kFnExtractFromBuffer);
-  std::memcpy(buffer, mBuffer, static_cast<size_t>(length));
-  std::memcpy(rest, mBuffer + length, static_cast<size_t>(remaining));
+  kiv::OwnedBlock rest =
+      kiv::CopyToBlock(mBuffer + length, Size(remaining), kClassNetBuffer, kFnExtractFromBuffer);
+  std::memcpy(buffer, mBuffer, Size(length));
   delete[] mBuffer;
-  mBuffer = rest;
+  mBuffer = rest.release();
   mBufferLength = remaining;
   return length;
 }
@@ -103,25 +99,25 @@ int KivNetBuffer::InsertIntoBuffer(const unsigned char *buffer, int length) {
   if (buffer == nullptr) {
     Fail(kFnInsertIntoBuffer, BUFFER_NULL);
   }
-  if (length < 0 || (mBufferLength > 0 && length > 0x7FFFFFFF - mBufferLength)) {
+  // The stored length is an int: a sum beyond INT_MAX could not be held.
+  if (length < 0 || (mBufferLength > 0 && length > INT_MAX - mBufferLength)) {
     Fail(kFnInsertIntoBuffer, BUFFER_SIZE_ERROR);
   }
   if (mBuffer != nullptr) {
     const int total = mBufferLength + length;
-    unsigned char *block = Allocate(total, kFnInsertIntoBuffer);
-    std::memcpy(block, mBuffer, static_cast<size_t>(mBufferLength));
+    kiv::OwnedBlock block = kiv::NewBlock(Size(total), kClassNetBuffer, kFnInsertIntoBuffer);
+    std::memcpy(block.get(), mBuffer, Size(mBufferLength));
     if (length > 0) {
-      std::memcpy(block + mBufferLength, buffer, static_cast<size_t>(length));
+      std::memcpy(block.get() + mBufferLength, buffer, Size(length));
     }
     delete[] mBuffer;
-    mBuffer = block;
+    mBuffer = block.release();
     mBufferLength = total;
     return 0;
   }
   if (length > 0) {
-    unsigned char *block = Allocate(length, kFnInsertIntoBuffer);
-    std::memcpy(block, buffer, static_cast<size_t>(length));
-    mBuffer = block;
+    mBuffer =
+        kiv::CopyToBlock(buffer, Size(length), kClassNetBuffer, kFnInsertIntoBuffer).release();
   }
   // Keeps the invariant: no block exactly when no bytes.
   mBufferLength = length;

@@ -3,6 +3,8 @@
 #ifndef KIV_COMMONFILES_KIVWIREBYTES_H
 #define KIV_COMMONFILES_KIVWIREBYTES_H
 
+#include <cstring>
+
 #include "Common/KivTypes.h"
 
 namespace kiv {
@@ -35,6 +37,20 @@ inline void WriteBE32(unsigned char *p, UInt32 v) {
   p[1] = static_cast<unsigned char>(v >> 16);
   p[2] = static_cast<unsigned char>(v >> 8);
   p[3] = static_cast<unsigned char>(v);
+}
+
+// IPv4 addresses are held as the platform gives them, in network order, and travel in that order:
+// their four bytes are copied as they lie in memory, first octet first, never converted.
+// Writes such an address; the caller has checked the room.
+inline void WriteNetworkOrder32(unsigned char *p, UInt32 networkOrder) {
+  std::memcpy(p, &networkOrder, sizeof networkOrder);
+}
+
+// Reads such an address; the caller has checked that offset + 4 <= length.
+inline UInt32 ReadNetworkOrder32(const unsigned char *p) {
+  UInt32 networkOrder = 0;
+  std::memcpy(&networkOrder, p, sizeof networkOrder);
+  return networkOrder;
 }
 
 // The 8-byte report of an HBN3 scan request is the one field that is not big-endian: it travels

@@ -2,9 +2,10 @@
 #include "HBN3/KivHBN3Header.h"
 
 #include <cstring>
-#include <memory>
-#include <new>
+#include <utility>
 
+#include "Common/Constants/KivCommunicationConstants.h"
+#include "CommonFiles/KivOwnedBlock.h"
 #include "CommonFiles/KivWireBytes.h"
 #include "Exceptions/KivWrapperException.h"
 
@@ -19,7 +20,7 @@ namespace {
 KivHBN3Header::KivHBN3Header(UInt32 hbna_id, UInt32 portInfo, UInt32 channelID, UInt32 timeStamp,
                              UInt32 command)
     : mHBN_id(hbna_id), mPortInfo(portInfo), mChannelID(channelID), mTimeStamp(timeStamp),
-      mCommand(command), mDataLength(0), mPayload(nullptr), mPayloadSize(0) {}
+      mCommand(command), mDataLength(0), mPayload(), mPayloadSize(0) {}
 
 KivHBN3Header::KivHBN3Header(UInt32 hbna_id, UInt32 portInfo, UInt32 channelID, UInt32 timeStamp,
                              UInt32 command, KivPayload &payload)
@@ -31,9 +32,11 @@ KivHBN3Header::KivHBN3Header(UInt32 hbna_id, UInt32 portInfo, UInt32 channelID, 
   }
   // Zero-filled, so a payload that writes fewer bytes than it states leaves no stale memory in
   // the message. The block is released here if the payload throws.
-  std::unique_ptr<unsigned char[]> block(new unsigned char[static_cast<size_t>(length)]());
+  const size_t size = static_cast<size_t>(length);
+  kiv::OwnedBlock block = kiv::NewBlock(size, kClassHBN3Header, kFnConstructor);
+  std::memset(block.get(), 0, size);
   payload.GetDataPayload(block.get(), length);
-  mPayload = block.release();
+  mPayload = std::move(block);
   mPayloadSize = length;
   mDataLength = static_cast<UInt32>(length);
 }
@@ -43,39 +46,35 @@ KivHBN3Header::KivHBN3Header(const unsigned char *message, int messageSize)
   SetDataHeader(message, messageSize);
 }
 
-KivHBN3Header::~KivHBN3Header() { delete[] mPayload; }
+KivHBN3Header::~KivHBN3Header() = default;
 
 void KivHBN3Header::SetDataHeader(const unsigned char *message, int messageSize) {
   if (message == nullptr) {
     Fail(kFnSetDataHeader, BUFFER_NULL);
   }
-  if (messageSize < kHeaderLength) {
+  if (messageSize < kHBN3HeaderLength) {
     Fail(kFnSetDataHeader, BUFFER_SIZE_ERROR);
   }
   // The declared length comes from the peer: it is checked against the bytes that arrived before
   // it sizes anything, so a lying length neither reads past the message nor allocates more than
   // the message holds.
-  const UInt32 dataLength = kiv::ReadBE32(message + kOffDataLength);
-  if (!kiv::Fits(kHeaderLength, dataLength, messageSize)) {
+  const UInt32 dataLength = kiv::ReadBE32(message + kHBN3OffsetDataLength);
+  if (!kiv::Fits(kHBN3HeaderLength, dataLength, messageSize)) {
     Fail(kFnSetDataHeader, BUFFER_SIZE_ERROR);
   }
-  unsigned char *block = nullptr;
+  kiv::OwnedBlock block;
   if (dataLength > 0) {
-    block = new (std::nothrow) unsigned char[dataLength];
-    if (block == nullptr) {
-      Fail(kFnSetDataHeader, COPY_ERROR);
-    }
-    std::memcpy(block, message + kHeaderLength, dataLength);
+    block = kiv::CopyToBlock(message + kHBN3HeaderLength, dataLength, kClassHBN3Header,
+                             kFnSetDataHeader);
   }
   // Nothing below can fail: the header changes all at once or not at all.
-  mHBN_id = kiv::ReadBE32(message + kOffTag);
-  mPortInfo = kiv::ReadBE32(message + kOffPortInfo);
-  mChannelID = kiv::ReadBE32(message + kOffChannel);
-  mTimeStamp = kiv::ReadBE32(message + kOffTimeStamp);
-  mCommand = kiv::ReadBE32(message + kOffCommand);
+  mHBN_id = kiv::ReadBE32(message + kHBN3OffsetTag);
+  mPortInfo = kiv::ReadBE32(message + kHBN3OffsetPortInfo);
+  mChannelID = kiv::ReadBE32(message + kHBN3OffsetChannel);
+  mTimeStamp = kiv::ReadBE32(message + kHBN3OffsetTimeStamp);
+  mCommand = kiv::ReadBE32(message + kHBN3OffsetCommand);
   mDataLength = dataLength;
-  delete[] mPayload;
-  mPayload = block;
+  mPayload = std::move(block);
   mPayloadSize = static_cast<int>(dataLength);
 }
 
@@ -83,24 +82,24 @@ void KivHBN3Header::GetDataHeader(unsigned char *dataHeader, int dataHeaderlen) 
   if (dataHeader == nullptr) {
     Fail(kFnGetDataHeader, BUFFER_NULL);
   }
-  if (dataHeaderlen < kHeaderLength) {
+  if (dataHeaderlen < kHBN3HeaderLength) {
     Fail(kFnGetDataHeader, BUFFER_SIZE_ERROR);
   }
-  kiv::WriteBE32(dataHeader + kOffTag, mHBN_id);
-  kiv::WriteBE32(dataHeader + kOffPortInfo, mPortInfo);
-  kiv::WriteBE32(dataHeader + kOffChannel, mChannelID);
-  kiv::WriteBE32(dataHeader + kOffTimeStamp, mTimeStamp);
-  kiv::WriteBE32(dataHeader + kOffCommand, mCommand);
-  kiv::WriteBE32(dataHeader + kOffDataLength, mDataLength);
+  kiv::WriteBE32(dataHeader + kHBN3OffsetTag, mHBN_id);
+  kiv::WriteBE32(dataHeader + kHBN3OffsetPortInfo, mPortInfo);
+  kiv::WriteBE32(dataHeader + kHBN3OffsetChannel, mChannelID);
+  kiv::WriteBE32(dataHeader + kHBN3OffsetTimeStamp, mTimeStamp);
+  kiv::WriteBE32(dataHeader + kHBN3OffsetCommand, mCommand);
+  kiv::WriteBE32(dataHeader + kHBN3OffsetDataLength, mDataLength);
 }
 
 void KivHBN3Header::GetDataStream(unsigned char *dataStream, int dataStreamlen) {
   // A short room is answered by writing nothing, not by an exception: builders size the room
   // from GetPayloadSize() and callers rely on the silence.
-  if (!kiv::Fits(kHeaderLength, mDataLength, dataStreamlen)) {
+  if (!kiv::Fits(kHBN3HeaderLength, mDataLength, dataStreamlen)) {
     return;
   }
-  GetDataHeader(dataStream, kHeaderLength);
+  GetDataHeader(dataStream, kHBN3HeaderLength);
   if (mPayload != nullptr) {
     GetPayload(dataStream, static_cast<int>(mDataLength));
   }
@@ -117,6 +116,6 @@ void KivHBN3Header::GetPayload(unsigned char *dataPayload, int dataPayloadlen) c
   const long long count =
       mPayloadSize < static_cast<long long>(mDataLength) ? mPayloadSize : mDataLength;
   if (count > 0) {
-    std::memcpy(dataPayload + kHeaderLength, mPayload, static_cast<size_t>(count));
+    std::memcpy(dataPayload + kHBN3HeaderLength, mPayload.get(), static_cast<size_t>(count));
   }
 }

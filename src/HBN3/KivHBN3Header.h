@@ -2,6 +2,8 @@
 #ifndef KIV_HBN3_KIVHBN3HEADER_H
 #define KIV_HBN3_KIVHBN3HEADER_H
 
+#include <memory>
+
 #include "Common/KivTypes.h"
 #include "CommonFiles/KivPayload.h"
 #include "CommonFiles/KivPortHeader.h"
@@ -14,24 +16,15 @@
 // copied.
 //
 // Every failure throws KivWrapperException with class number 0x10000 and the member's function
-// number: SetDataHeader 0x500, GetDataHeader 0x600, GetPayload 0x900.
+// number: the constructor from a payload 0x100, SetDataHeader 0x500, GetDataHeader 0x600,
+// GetPayload 0x900.
 class KIV_EXPORT KivHBN3Header : public KivPortHeader {
 public:
   // Function numbers of the throwing members.
+  static constexpr UInt32 kFnConstructor = 0x100;
   static constexpr UInt32 kFnSetDataHeader = 0x500;
   static constexpr UInt32 kFnGetDataHeader = 0x600;
   static constexpr UInt32 kFnGetPayload = 0x900;
-
-  // Bytes of the header itself; the payload starts at this offset.
-  static constexpr int kHeaderLength = 24;
-
-  // Offsets of the six big-endian header fields, for every reader of HBN3 messages.
-  static constexpr int kOffTag = 0;
-  static constexpr int kOffPortInfo = 4;
-  static constexpr int kOffChannel = 8;
-  static constexpr int kOffTimeStamp = 12;
-  static constexpr int kOffCommand = 16;
-  static constexpr int kOffDataLength = 20;
 
   // A header without payload (data length 0).
   KivHBN3Header(UInt32 hbna_id, UInt32 portInfo, UInt32 channelID, UInt32 timeStamp,
@@ -39,8 +32,9 @@ public:
 
   // A header carrying a copy of `payload`'s wire form; the data length is the payload's
   // GetPayloadLength(). The payload object stays the caller's. Exceptions of the payload's
-  // operations pass to the caller (std::bad_alloc when memory runs out). A payload that states a
-  // negative length contributes nothing: the header then has data length 0 and no payload.
+  // operations pass to the caller; no memory for the copy throws COPY_ERROR of 0x100. A payload
+  // that states a negative length contributes nothing: the header then has data length 0 and no
+  // payload.
   KivHBN3Header(UInt32 hbna_id, UInt32 portInfo, UInt32 channelID, UInt32 timeStamp, UInt32 command,
                 KivPayload &payload);
 
@@ -95,8 +89,8 @@ private:
   UInt32 mTimeStamp;
   UInt32 mCommand;
   UInt32 mDataLength;
-  unsigned char *mPayload; // owned (array); null when no payload bytes are held
-  int mPayloadSize;        // bytes held in mPayload; may differ from mDataLength
+  std::unique_ptr<unsigned char[]> mPayload; // null when no payload bytes are held
+  int mPayloadSize;                          // bytes held in mPayload; may differ from mDataLength
 };
 
 #endif // KIV_HBN3_KIVHBN3HEADER_H

@@ -3,9 +3,9 @@
 
 #include <cstdio>
 #include <cstring>
-#include <new>
 #include <utility>
 
+#include "CommonFiles/KivOwnedBlock.h"
 #include "CommonFiles/KivWireBytes.h"
 #include "Exceptions/KivWrapperException.h"
 
@@ -37,7 +37,7 @@ KivHBN3ScanHostPayLoad::KivHBN3ScanHostPayLoad(UInt32 processType, std::string s
                                                const unsigned char *cUniqueID, UInt16 iCodePage,
                                                const char *strHostname)
     : mType(processType), mUniqueID(), mPinNum(std::move(strPinNum)), mCodePage(iCodePage),
-      mHostNameSize(0), mHostName(nullptr) {
+      mHostNameSize(0), mHostName() {
   if (cUniqueID == nullptr) {
     throw KivWrapperException(kClassHBN3ScanHostPayLoad, kFnConstructor, COPY_ERROR);
   }
@@ -50,16 +50,11 @@ KivHBN3ScanHostPayLoad::KivHBN3ScanHostPayLoad(UInt32 processType, std::string s
   if (size == 0) {
     return;
   }
-  char *name = new (std::nothrow) char[size];
-  if (name == nullptr) {
-    throw KivWrapperException(kClassHBN3ScanHostPayLoad, kFnConstructor, COPY_ERROR);
-  }
-  std::memcpy(name, strHostname + 1, size);
-  mHostName = name;
+  mHostName = kiv::CopyToBlock(strHostname + 1, size, kClassHBN3ScanHostPayLoad, kFnConstructor);
   mHostNameSize = size;
 }
 
-KivHBN3ScanHostPayLoad::~KivHBN3ScanHostPayLoad() { delete[] mHostName; }
+KivHBN3ScanHostPayLoad::~KivHBN3ScanHostPayLoad() = default;
 
 int KivHBN3ScanHostPayLoad::GetPayloadLength() { return kFixedLength + mHostNameSize; }
 
@@ -84,7 +79,7 @@ void KivHBN3ScanHostPayLoad::GetDataPayload(unsigned char *dataPayload, int payl
   kiv::WriteBE16(dataPayload + kOffCodePage, mCodePage);
   kiv::WriteBE16(dataPayload + kOffNameLength, mHostNameSize);
   if (mHostNameSize > 0) {
-    std::memcpy(dataPayload + kFixedLength, mHostName, mHostNameSize);
+    std::memcpy(dataPayload + kFixedLength, mHostName.get(), mHostNameSize);
   }
 }
 
@@ -92,7 +87,7 @@ void KivHBN3ScanHostPayLoad::GetDataPayload(unsigned char *dataPayload, int payl
 
 KivHBN3StatusCacheResponsePayload::KivHBN3StatusCacheResponsePayload(const unsigned char *data,
                                                                      int length)
-    : isPayloadSet(false), mAdapterUAA(), mReserved(), mPayload(nullptr), mIPAddress(0),
+    : isPayloadSet(false), mAdapterUAA(), mReserved(), mPayload(), mIPAddress(0),
       mPayloadLength(0) {
   if (data == nullptr) {
     throw KivWrapperException(kClassHBN3StatusCacheResponsePayload, kFnConstructor, BUFFER_NULL);
@@ -103,9 +98,8 @@ KivHBN3StatusCacheResponsePayload::KivHBN3StatusCacheResponsePayload(const unsig
   }
   std::memcpy(mAdapterUAA, data + kOffAdapterUAA, kAdapterUAALength);
   std::memcpy(mReserved, data + kOffReserved, kReservedLength);
-  // The address stays in network order, exactly as it arrived, so it is copied and not read as a
-  // number.
-  std::memcpy(&mIPAddress, data + kOffIPAddress, sizeof mIPAddress);
+  // The address stays in network order, exactly as it arrived.
+  mIPAddress = kiv::ReadNetworkOrder32(data + kOffIPAddress);
   mPayloadLength = static_cast<int>(kiv::ReadBE32(data + kOffStatusLength));
 
   // A declared length that is negative or runs past the bytes that arrived describes no complete
@@ -114,17 +108,13 @@ KivHBN3StatusCacheResponsePayload::KivHBN3StatusCacheResponsePayload(const unsig
     return;
   }
   if (mPayloadLength > 0) {
-    unsigned char *block = new (std::nothrow) unsigned char[static_cast<size_t>(mPayloadLength)];
-    if (block == nullptr) {
-      throw KivWrapperException(kClassHBN3StatusCacheResponsePayload, kFnConstructor, COPY_ERROR);
-    }
-    std::memcpy(block, data + kFixedLength, static_cast<size_t>(mPayloadLength));
-    mPayload = block;
+    mPayload = kiv::CopyToBlock(data + kFixedLength, static_cast<size_t>(mPayloadLength),
+                                kClassHBN3StatusCacheResponsePayload, kFnConstructor);
   }
   isPayloadSet = true;
 }
 
-KivHBN3StatusCacheResponsePayload::~KivHBN3StatusCacheResponsePayload() { delete[] mPayload; }
+KivHBN3StatusCacheResponsePayload::~KivHBN3StatusCacheResponsePayload() = default;
 
 int KivHBN3StatusCacheResponsePayload::GetPayloadLength() { return mPayloadLength; }
 
@@ -137,7 +127,7 @@ void KivHBN3StatusCacheResponsePayload::GetDataPayload(unsigned char *dataPayloa
   const int held = GetHeldStatusLength();
   const int count = payloadlen < held ? payloadlen : held;
   if (count > 0) {
-    std::memcpy(dataPayload, mPayload, static_cast<size_t>(count));
+    std::memcpy(dataPayload, mPayload.get(), static_cast<size_t>(count));
   }
 }
 

@@ -3,6 +3,7 @@
 #ifndef KIV_HBN3_KIVHBN3PAYLOAD_H
 #define KIV_HBN3_KIVHBN3PAYLOAD_H
 
+#include <memory>
 #include <string>
 
 #include "Common/KivTypes.h"
@@ -51,8 +52,8 @@ private:
   unsigned char mUniqueID[6];
   std::string mPinNum;
   UInt16 mCodePage;
-  UInt16 mHostNameSize; // 0 when there is no name
-  char *mHostName;      // owned (array), no terminator; null when there is no name
+  UInt16 mHostNameSize;                       // 0 when there is no name
+  std::unique_ptr<unsigned char[]> mHostName; // no terminator; null when there is no name
 };
 
 // Payload of a device's answer to a status-cache request (the bytes after the HBN3 header).
@@ -119,9 +120,9 @@ private:
   bool isPayloadSet;
   unsigned char mAdapterUAA[6];
   unsigned char mReserved[2];
-  unsigned char *mPayload; // owned (array); null when no status bytes are held
-  UInt32 mIPAddress;       // network byte order
-  int mPayloadLength;      // declared status length
+  std::unique_ptr<unsigned char[]> mPayload; // null when no status bytes are held
+  UInt32 mIPAddress;                         // network byte order
+  int mPayloadLength;                        // declared status length
 };
 
 #endif // KIV_HBN3_KIVHBN3PAYLOAD_H

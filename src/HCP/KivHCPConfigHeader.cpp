@@ -1,13 +1,12 @@
 // The HCP configuration message and its text record.
 #include "HCP/KivHCPConfigHeader.h"
 
-#include <arpa/inet.h>
-
 #include <climits>
 #include <cstring>
-#include <new>
+#include <utility>
 
 #include "Common/Constants/KivCommunicationConstants.h"
+#include "CommonFiles/KivOwnedBlock.h"
 #include "CommonFiles/KivWireBytes.h"
 #include "Exceptions/KivWrapperException.h"
 #include "HelperFiles/KivNetHelperUtils.h"
@@ -31,6 +30,8 @@ constexpr int kOffsetDestIP = 22;
 constexpr int kOffsetCommand = 26;
 constexpr int kOffsetPasswordLength = 28;
 constexpr int kOffsetPassword = 30;
+// The record's length, a 32-bit field after the password.
+constexpr int kRecordLengthSize = 4;
 
 constexpr UInt16 kDefaultVersion = 1;
 
@@ -42,15 +43,6 @@ unsigned char *WriteLine(unsigned char *out, const char *key, const std::string 
   out += value.size();
   *out = kEndOfLine;
   return out + 1;
-}
-
-// A new copy of `length` bytes (length > 0), or null when there is no memory.
-std::unique_ptr<unsigned char[]> CopyOf(const unsigned char *source, UInt32 length) {
-  std::unique_ptr<unsigned char[]> copy(new (std::nothrow) unsigned char[length]);
-  if (copy) {
-    std::memcpy(copy.get(), source, length);
-  }
-  return copy;
 }
 
 } // namespace
@@ -169,12 +161,9 @@ void KivHCPConfigHeader::SetEncryptedPassword(const unsigned char *password, UIn
   if (passwordlen > kMaxPasswordLength || (passwordlen != 0 && password == nullptr)) {
     throw KivWrapperException(kClassHCPConfigHeader, kFnSetEncryptedPassword, COPY_ERROR);
   }
-  std::unique_ptr<unsigned char[]> copy;
+  kiv::OwnedBlock copy;
   if (passwordlen != 0) {
-    copy = CopyOf(password, passwordlen);
-    if (!copy) {
-      throw KivWrapperException(kClassHCPConfigHeader, kFnSetEncryptedPassword, COPY_ERROR);
-    }
+    copy = kiv::CopyToBlock(password, passwordlen, kClassHCPConfigHeader, kFnSetEncryptedPassword);
   }
   mEncryptedPassword = std::move(copy);
   mPasswordLength = static_cast<UInt16>(passwordlen);
@@ -187,12 +176,10 @@ void KivHCPConfigHeader::SetConfigTextRecord(const unsigned char *configtxtrec,
   if (configtxtreclen > longest || (configtxtreclen != 0 && configtxtrec == nullptr)) {
     throw KivWrapperException(kClassHCPConfigHeader, kFnSetConfigTextRecord, COPY_ERROR);
   }
-  std::unique_ptr<unsigned char[]> copy;
+  kiv::OwnedBlock copy;
   if (configtxtreclen != 0) {
-    copy = CopyOf(configtxtrec, configtxtreclen);
-    if (!copy) {
-      throw KivWrapperException(kClassHCPConfigHeader, kFnSetConfigTextRecord, COPY_ERROR);
-    }
+    copy = kiv::CopyToBlock(configtxtrec, configtxtreclen, kClassHCPConfigHeader,
+                            kFnSetConfigTextRecord);
   }
   mConfigTextRecord = std::move(copy);
   mTxtRecordLegth = configtxtreclen;
@@ -213,9 +200,8 @@ void KivHCPConfigHeader::GetDataHeader(unsigned char *dataHeader, int dataHeader
   kiv::WriteBE16(dataHeader + kOffsetVersion, mVersion);
   std::memcpy(dataHeader + kOffsetDestMac, mMacDestAddr, sizeof(mMacDestAddr));
   std::memcpy(dataHeader + kOffsetSourceMac, mMacSourceAddr, sizeof(mMacSourceAddr));
-  // The addresses are held in network order; as numbers they go out first octet first.
-  kiv::WriteBE32(dataHeader + kOffsetSourceIP, ntohl(mSourceIP));
-  kiv::WriteBE32(dataHeader + kOffsetDestIP, ntohl(mDestIP));
+  kiv::WriteNetworkOrder32(dataHeader + kOffsetSourceIP, mSourceIP);
+  kiv::WriteNetworkOrder32(dataHeader + kOffsetDestIP, mDestIP);
   kiv::WriteBE16(dataHeader + kOffsetCommand, mCommand);
   kiv::WriteBE16(dataHeader + kOffsetPasswordLength, mPasswordLength);
   if (mPasswordLength != 0) {
@@ -224,6 +210,7 @@ void KivHCPConfigHeader::GetDataHeader(unsigned char *dataHeader, int dataHeader
   const int recordLengthOffset = kOffsetPassword + mPasswordLength;
   kiv::WriteBE32(dataHeader + recordLengthOffset, mTxtRecordLegth);
   if (mTxtRecordLegth != 0) {
-    std::memcpy(dataHeader + recordLengthOffset + 4, mConfigTextRecord.get(), mTxtRecordLegth);
+    std::memcpy(dataHeader + recordLengthOffset + kRecordLengthSize, mConfigTextRecord.get(),
+                mTxtRecordLegth);
   }
 }

@@ -126,6 +126,10 @@ void KivNetHelperUtils::ConvertCharStrToHexVal(const char *destMac, unsigned cha
 }
 
 void KivNetHelperUtils::GetExactHexValOfString(const char *destMac, UInt8 *val) const {
+  ConvertMacText(destMac, val);
+}
+
+void KivNetHelperUtils::ConvertMacText(const char *destMac, UInt8 *val) {
   if (val == nullptr) {
     return;
   }

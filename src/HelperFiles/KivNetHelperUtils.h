@@ -72,6 +72,10 @@ public:
   // the call do nothing.
   void GetExactHexValOfString(const char *destMac, UInt8 *val) const;
 
+  // The conversion of GetExactHexValOfString for callers without a host interface: it needs no
+  // snapshot (device relocation converts the MAC texts devices report with it).
+  static void ConvertMacText(const char *destMac, UInt8 *val);
+
 private:
   const kiv::KivHostPlatform *mPlatform;
   kiv::KivInterfaceInfo mInfo;

@@ -10,6 +10,7 @@
 #include "Asm_Deasm/KivDisassembler.h"
 #include "CommonFiles/KivAsm_DeasmFactory.h"
 #include "CommonFiles/KivHandleRegistry.h"
+#include "HelperFiles/KivBonjourUtil.h"
 #include "HelperFiles/KivNetHelperUtils.h"
 #include "Interfaces/KivCallFrame.h"
 
@@ -188,6 +189,39 @@ void CopyResponse(const HBNResponseInfo &parsed, HBNResponseInfo &updated) {
   updated.iStatus = parsed.iStatus;
 }
 
+// The four fields the parser of a device's scan request fills; its status is not one of them.
+void CopyScanRequest(const HBNResponseInfo &parsed, HBNResponseInfo &updated) {
+  updated.iPortInfo = parsed.iPortInfo;
+  updated.iChannelID = parsed.iChannelID;
+  updated.iReport = parsed.iReport;
+  updated.iTimeStamp = parsed.iTimeStamp;
+}
+
+// What the HCP parser gives a host: the fourteen strings and the device entries of a fresh record
+// (those it does not fill are empty), which replace the host's, and for a configuration answer
+// (`iType` other than the discovery answer) the device's result byte. After a discovery answer
+// the host's iResponse stays; iPortInfo always does.
+void CopyNetRecord(const KivNetRecord &parsed, UInt32 iType, KivNetRecord &updated) {
+  if (iType != kHCPDiscoveryResponse) {
+    updated.iResponse = parsed.iResponse;
+  }
+  updated.strIPAddr = parsed.strIPAddr;
+  updated.strIPNetMask = parsed.strIPNetMask;
+  updated.strIPGateway = parsed.strIPGateway;
+  updated.strIPName = parsed.strIPName;
+  updated.strMacLaa = parsed.strMacLaa;
+  updated.strMacUaa = parsed.strMacUaa;
+  updated.strAdapterType = parsed.strAdapterType;
+  updated.strIPAddrSrc = parsed.strIPAddrSrc;
+  updated.strOEMByte = parsed.strOEMByte;
+  updated.strPwdSet = parsed.strPwdSet;
+  updated.strProdID = parsed.strProdID;
+  updated.strAdapterName = parsed.strAdapterName;
+  updated.strCPDAttached = parsed.strCPDAttached;
+  updated.strPrintrVidPid = parsed.strPrintrVidPid;
+  updated.vecDeviceSpecific = parsed.vecDeviceSpecific;
+}
+
 } // namespace
 
 UInt32 ParseHCPResponse(UInt32 iHeaderType, HANDLE ptrMsg, UInt32 iType, KivNetRecord &DeviceRec) {
@@ -200,26 +234,7 @@ UInt32 ParseHCPResponse(UInt32 iHeaderType, HANDLE ptrMsg, UInt32 iType, KivNetR
                        return result;
                      }
                      KivNetRecord updated = DeviceRec;
-                     // Only a configuration answer has a result byte; after a discovery answer
-                     // the caller's value stays.
-                     if (iType != kHCPDiscoveryResponse) {
-                       updated.iResponse = parsed.iResponse;
-                     }
-                     updated.strIPAddr = parsed.strIPAddr;
-                     updated.strIPNetMask = parsed.strIPNetMask;
-                     updated.strIPGateway = parsed.strIPGateway;
-                     updated.strIPName = parsed.strIPName;
-                     updated.strMacLaa = parsed.strMacLaa;
-                     updated.strMacUaa = parsed.strMacUaa;
-                     updated.strAdapterType = parsed.strAdapterType;
-                     updated.strIPAddrSrc = parsed.strIPAddrSrc;
-                     updated.strOEMByte = parsed.strOEMByte;
-                     updated.strPwdSet = parsed.strPwdSet;
-                     updated.strProdID = parsed.strProdID;
-                     updated.strAdapterName = parsed.strAdapterName;
-                     updated.strCPDAttached = parsed.strCPDAttached;
-                     updated.strPrintrVidPid = parsed.strPrintrVidPid;
-                     updated.vecDeviceSpecific = parsed.vecDeviceSpecific;
+                     CopyNetRecord(parsed, iType, updated);
                      return Commit(DeviceRec, updated);
                    });
 }
@@ -251,12 +266,7 @@ UInt32 ParseStatusCacheResponse(UInt32 iHeaderType, HANDLE ptrMsg,
 
 UInt32 ParseRequestScan(UInt32 iHeaderType, HANDLE ptrMsg, HBNResponseInfo &responseInfo) {
   return ParseInto(kFnParseRequestScan, iHeaderType, ptrMsg, &KivDisassembler::ParseRequestScan,
-                   responseInfo, [](const HBNResponseInfo &parsed, HBNResponseInfo &updated) {
-                     updated.iPortInfo = parsed.iPortInfo;
-                     updated.iChannelID = parsed.iChannelID;
-                     updated.iReport = parsed.iReport;
-                     updated.iTimeStamp = parsed.iTimeStamp;
-                   });
+                   responseInfo, CopyScanRequest);
 }
 
 HANDLE CreateStatCacheResponse() { return new StatCacheResponse(); }
@@ -649,3 +659,34 @@ void ConvertCharStrToHexVal(const char *destMac, unsigned char *arrMacAddress) {
 void GetExactHexValOfString(const char *destMac, UInt8 *val) {
   KivNetHelperUtils().GetExactHexValOfString(destMac, val);
 }
+
+// ---- Device relocation and debugger entry points ------------------------------------------------
+//
+// Thin as the host functions, but these report every failure as "not found": even the memory for
+// the relocation object failing to come is caught, so nothing leaves them.
+
+bool ResolveNewIPAddress(char *ipAddress, const char *macAddress, UInt16 timeout) {
+  try {
+    KivNetBonjourUtil relocation;
+    return relocation.resolveNewIPAddress(ipAddress, macAddress, timeout);
+  } catch (...) {
+    return false;
+  }
+}
+
+std::string QueryMACAddressByHCP(std::string &ipAddress, UInt16 timeout) {
+  try {
+    KivNetBonjourUtil relocation;
+    return relocation.queryMACAddress(ipAddress, timeout);
+  } catch (...) {
+    return std::string();
+  }
+}
+
+void InitializeDebugger(int, CFStringRef, std::string &, int) {}
+
+UInt32 SendDebugMessage(int, const char *, ...) { return 0; }
+
+UInt32 SendDebugPacket(int, unsigned char *, int) { return 0; }
+
+void StopDebugger() {}

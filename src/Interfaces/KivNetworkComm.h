@@ -15,6 +15,7 @@
 
 #include <string>
 
+#include "KivNetworkCommVersion.h"
 #include "Common/KivTypes.h"
 #include "Common/Constants/KivCommunicationConstants.h"
 #include "Common/Tracer/KivTracer.h"
@@ -27,6 +28,11 @@
 
 // Exported debug level: starts at 0; the library itself never reads or writes it.
 extern "C" KIV_EXPORT int mDebugLevel;
+
+// The version of the library that is running, e.g. "1.0.0": compare it with
+// KIVNETWORKCOMM_VERSION (the headers the host was built with) to detect a mismatch. A static
+// text owned by the library; never null.
+KIV_EXTERN_C const char *GetKivNetworkCommVersion();
 
 // ---- Handles and message containers -----------------------------------------------------------
 
@@ -60,9 +66,9 @@ KIV_EXTERN_C UInt32 GetCommandType(HANDLE ptrMsg);
 //
 // Codes: 0 on success; 0x0A09NN01 when `objHeader` is null or not a container; 0x0A09NN00 for any
 // other header type or an unexpected failure; 0x0A000000 + the error code of a failure of the
-// message layer (e.g. 0x0A0201A3 for a null unique identifier, 0x0A0805A3 when memory runs out
-// while the container is filled). On every failure but the last the container is unchanged; the
-// last leaves it empty.
+// message layer (e.g. 0x0A0201A3 for a null unique identifier; COPY_ERROR of the member whose copy
+// found no memory, 0x0A0805A3 when that is the container being filled). On every failure but the
+// last the container is unchanged; the last leaves it empty.
 //
 // Ownership: the container stays the host's; its new storage is released by the container's own
 // operations (ResetBuffer, the next SetBuffer). Nothing else is handed out.
@@ -122,9 +128,10 @@ KIV_EXTERN_C UInt32 CreateIPConfig(UInt32 iHeaderType, std::string &strDestMacAd
 // message afterwards and can be parsed again.
 //
 // Codes: 0 on success; 0x0A09NN01 when `ptrMsg` is null or not a container; 0x0A09NN00 for any
-// other header type or an unexpected failure (e.g. memory exhausted); 0x0A000000 + the parser's
-// error code when the message cannot be parsed (0x0A0707A3 to 0x0A070CA3 by answer kind, see
-// each function; 0x0A0704A3 when the parser cannot copy the message).
+// other header type or an unexpected failure (e.g. memory exhausted while the record is filled);
+// 0x0A000000 + the parser's error code when the message cannot be parsed (0x0A0707A3 to
+// 0x0A070CA3 by answer kind, see each function; 0x0A0704A3 when there is no memory for the
+// parser's copy of the message).
 //
 // The record is written only on success, and then only in the fields listed for the function;
 // every other field keeps the caller's value. Records belong to the caller; the library keeps no
@@ -423,6 +430,13 @@ KIV_EXTERN_C UInt32 GetHostBroadcastAddress();
 KIV_EXTERN_C UInt32 GetHostGateway();
 KIV_EXTERN_C UInt32 GetHostNetMask();
 
+// These return std::string with C linkage on purpose (hosts are C++ and link by plain names);
+// clang's warning about that is silenced for these declarations only (and QueryMACAddressByHCP).
+#if defined(__clang__)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
+#endif
+
 // The same four addresses as dotted text.
 KIV_EXTERN_C std::string GetHostIPAddressString();
 KIV_EXTERN_C std::string GetHostBroadcastAddressString();
@@ -431,6 +445,10 @@ KIV_EXTERN_C std::string GetHostNetMaskString();
 
 // The host name (at most 255 characters), or the empty string when the system gives none.
 KIV_EXTERN_C std::string GetHostname();
+
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#endif
 
 // The address written in `ip` as dotted text, in network byte order; 0xFFFFFFFF for text that is
 // no address. `ip` is read only.
@@ -449,5 +467,66 @@ KIV_EXTERN_C void ConvertCharStrToHexVal(const char *destMac, unsigned char *arr
 
 // The same conversion into the 6 bytes at `val`.
 KIV_EXTERN_C void GetExactHexValOfString(const char *destMac, UInt8 *val);
+
+// ---- Device relocation and debugger entry points ------------------------------------------------
+//
+// Finding a device again by its MAC address after its IPv4 address changed, and asking a device
+// for its MAC address. Both send the HCP discovery query to UDP port 5353 of a candidate address
+// and compare the MAC text of its answer. They share process-wide state: a host must not run two
+// of them at the same time (the library serialises them: a call made while another runs waits
+// until that one has returned). Neither throws: every failure is reported as "not found".
+//
+// MAC texts are 12 lowercase hexadecimal digits without separators ("000400128fbc"), the form
+// the device's answer is converted to; a text in uppercase or with separators never matches.
+
+// Finds the device whose MAC text is `macAddress` and writes its current dotted address, with the
+// terminator, into `ipAddress`. `ipAddress` is the driver's buffer of at least 16 bytes holding
+// the address the device last had; it is read up to its terminator (16 bytes at most) and written
+// only on success, never beyond 16 bytes. Tried in turn, each confirmed by a MAC query that waits
+// 2 s for the answer:
+//  1. the address remembered for this MAC in the device store (see the README);
+//  2. the address in `ipAddress`;
+//  3. every web server ("_http._tcp") that DNS-SD (the Avahi daemon) finds within `timeout`
+//     seconds, resolved to its first IPv4 address, one service at a time.
+// Returns true when the device was confirmed and reported its address; that address is also
+// written to the device store (a store that cannot be written is ignored). False for a null
+// argument, when the device is not confirmed, or when its answer lacks a usable address (an
+// address text longer than 15 characters is refused); the buffer is then unchanged.
+//
+// Blocks the calling thread: up to 4 s of checks, then `timeout` seconds of browsing checked once a
+// second (0: none), then the end of a check still running (a resolution of up to 5 s and 2 s for
+// the answer). Starts one browse thread and joins it before returning. Where no Avahi daemon is
+// reachable the browse finds nothing and the call still waits its `timeout`.
+//
+// Note: text in `ipAddress` that is not a dotted IPv4 address is read as 255.255.255.255 by the
+// platform's conversion, so the second query is then broadcast on the local network.
+KIV_EXTERN_C bool ResolveNewIPAddress(char *ipAddress, const char *macAddress, UInt16 timeout);
+
+// The MAC text of the device answering the HCP discovery query sent to UDP port 5353 of
+// `ipAddress` (dotted text, read only; other text is read as 255.255.255.255 and broadcast), or ""
+// when nothing usable answers within `timeout` seconds. Blocks the calling thread up to `timeout`
+// seconds. The address the device reported is kept for a relocation's use.
+#if defined(__clang__)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
+#endif
+KIV_EXTERN_C std::string QueryMACAddressByHCP(std::string &ipAddress, UInt16 timeout);
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#endif
+
+// The string reference the debugger entry points take, as an opaque pointer: host code that
+// passes one keeps its shape. The library never dereferences it.
+typedef const struct KivOpaqueCFString *CFStringRef;
+
+// Debugger entry points, kept for hosts that call them: they ignore their arguments, do nothing
+// and print nothing. Callable from any thread.
+KIV_EXTERN_C void InitializeDebugger(int iTarget, CFStringRef cfPortName, std::string &strFileName,
+                                     int iDebugLevel);
+// Returns 0.
+KIV_EXTERN_C UInt32 SendDebugMessage(int iLevel, const char *format, ...);
+// Returns 0; `message` is not read.
+KIV_EXTERN_C UInt32 SendDebugPacket(int iLevel, unsigned char *message, int iLength);
+KIV_EXTERN_C void StopDebugger();
 
 #endif // KIV_INTERFACES_KIVNETWORKCOMM_H

@@ -50,6 +50,12 @@ int KivUDPSocket::RecvFrom(KivSocketAddress &address, void *message, int length,
   const ssize_t received =
       ::recvfrom(mSocket, message, static_cast<size_t>(length), static_cast<int>(flags),
                  reinterpret_cast<sockaddr *>(&sender), &senderLength);
+  // An interrupted receive (EINTR) is reported like any other failure, not retried. The time-out
+  // is the socket's SO_RCVTIMEO in whole seconds and starts again with every call, so a retry
+  // would restart it: in a host whose process handles a signal more often than the time-out (a
+  // timer, child processes ending) the receive would never end. The kernel itself never restarts
+  // a receive on a socket with SO_RCVTIMEO, even for a handler installed with SA_RESTART. The
+  // host sees the code of a time-out and decides itself whether to wait again.
   if (received == -1) {
     throw KivUDPSocketException(RECVFROM_ERROR);
   }

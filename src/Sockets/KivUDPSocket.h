@@ -37,8 +37,8 @@ public:
   // Receives one datagram into `message` (at most `length` bytes; the rest of a longer datagram
   // is lost), `flags` passed through; returns the count (with MSG_TRUNC the platform reports the
   // datagram's full length instead). Records the sender in `address`. Throws KivUDPSocketException
-  // RECVFROM_ERROR on failure, a receive time-out included, and for a negative length or a null
-  // area with a positive length; `address` is then unchanged.
+  // RECVFROM_ERROR on failure, a receive time-out and a receive interrupted by a signal included,
+  // and for a negative length or a null area with a positive length; `address` is then unchanged.
   int RecvFrom(KivSocketAddress &address, void *message, int length, unsigned int flags);
 
   // Sets the receive time-out to `seconds` whole seconds (0 removes it); returns 0. Throws

@@ -2,7 +2,7 @@
 // the result codes of every builder and parser and of the buffer handle functions, messages too
 // short for their parser, and which record fields each parser writes with which values. The
 // functions that depend on the host's network settings run with a scripted host in
-// tests/unit/HCPTest.cpp and tests/unit/HBN3DisassemblerTest.cpp.
+// tests/unit/HCPTest.cpp and tests/unit/HcpAnswerParserTest.cpp.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -113,8 +113,7 @@ std::map<UInt32, Call> EveryFunction() {
   return all;
 }
 
-TEST(MessageFunctions, BadHandlesAndUnknownHeaderTypes) {
-  const Bytes before = ScanRequest();
+TEST(MessageFunctions, BadBufferHandlesGiveKind01) {
   // A block of the container's size whose class identifier field says something else.
   alignas(KivNetBuffer) unsigned char foreign[sizeof(KivNetBuffer)] = {};
   for (HANDLE handle : {static_cast<HANDLE>(nullptr), static_cast<HANDLE>(foreign)}) {
@@ -130,6 +129,14 @@ TEST(MessageFunctions, BadHandlesAndUnknownHeaderTypes) {
     EXPECT_EQ(function.second(kHBN3, nullptr), 0x0A090001u | nn);
     EXPECT_EQ(function.second(kHBN3, foreign), 0x0A090001u | nn);
     EXPECT_EQ(function.second(0, nullptr), 0x0A090001u | nn); // the handle is checked first
+  }
+}
+
+TEST(MessageFunctions, UnknownHeaderTypesGiveKind00AndLeaveTheContainer) {
+  const Bytes before = ScanRequest();
+  for (const auto &function : EveryFunction()) {
+    const UInt32 nn = function.first << 8;
+    SCOPED_TRACE(testing::Message() << "NN " << std::hex << function.first);
     ScopedContainer container;
     container.Fill(before);
     for (UInt32 headerType : {0x00000000u, 0x48424E31u /* "HBN1" */, 0x33424E48u}) {
@@ -149,38 +156,37 @@ std::string Fields(const HBNResponseInfo &i) {
   return out.str();
 }
 
+// Each HBN3 answer parser, a message holding exactly the fields it reads, and the fields it then
+// writes into a record whose fields were all e1 to e5.
+const struct ParserCase {
+  UInt32 (*parse)(UInt32, HANDLE, HBNResponseInfo &);
+  Bytes message;
+  long needed;
+  UInt32 code;
+  const char *fields;
+} kParserCases[] = {
+    {ParsePingResponse, PingReply(), 20, 0x0A070AA3, "sender 1 0 1 e4 e5"},
+    {ParsePingResponse, Hex("48424E33 00000001 00000000 00000000 00000003"), 20, 0x0A070AA3,
+     "sender 1 0 0 e4 e5"}, // no reply bit
+    {ParseRequestScanResponse, RequestScanReply(), 20, 0x0A070BA3, "sender 4 2 1 e4 e5"},
+    {ParseRequestScanResponse, PingReply(), 20, 0x0A070BA3, "sender 1 0 0 e4 e5"},
+    {ParseHostListEntryResponse, HostListAnswer(), 28, 0x0A0709A3, "sender 3 2 2 e4 e5"},
+    // The report is least significant byte first.
+    {ParseRequestScan, ScanRequest(), 32, 0x0A070CA3, "sender 1 2 e3 102030405060708 100"},
+};
+
 // Each parser refuses a message one byte shorter than the fields it reads with its own code,
-// changing nothing; from the message that holds them it writes its own fields and keeps the others.
-TEST(MessageFunctions, ParsersNeedTheirFieldsAndWriteOnlyTheirOwn) {
-  const struct {
-    UInt32 (*parse)(UInt32, HANDLE, HBNResponseInfo &);
-    Bytes message;
-    long needed;
-    UInt32 code;
-    const char *fields;
-  } cases[] = {
-      {ParsePingResponse, PingReply(), 20, 0x0A070AA3, "sender 1 0 1 e4 e5"},
-      {ParsePingResponse, Hex("48424E33 00000001 00000000 00000000 00000003"), 20, 0x0A070AA3,
-       "sender 1 0 0 e4 e5"}, // no reply bit
-      {ParseRequestScanResponse, RequestScanReply(), 20, 0x0A070BA3, "sender 4 2 1 e4 e5"},
-      {ParseRequestScanResponse, PingReply(), 20, 0x0A070BA3, "sender 1 0 0 e4 e5"},
-      {ParseHostListEntryResponse, HostListAnswer(), 28, 0x0A0709A3, "sender 3 2 2 e4 e5"},
-      // The report is least significant byte first.
-      {ParseRequestScan, ScanRequest(), 32, 0x0A070CA3, "sender 1 2 e3 102030405060708 100"},
-  };
-  for (const auto &c : cases) {
+// changing nothing.
+TEST(MessageFunctions, ParsersRefuseAMessageShortOfTheirFields) {
+  for (const ParserCase &c : kParserCases) {
     ScopedContainer container;
     container.Fill(Bytes(c.message.begin(), c.message.begin() + c.needed - 1));
     HBNResponseInfo info{"sender", 0xE1, 0xE2, 0xE3, 0xE4, 0xE5};
     EXPECT_EQ(c.parse(kHCP1, container.handle(), info), c.code) << c.fields;
     EXPECT_EQ(Fields(info), "sender e1 e2 e3 e4 e5") << c.fields;
-    container.Fill(Bytes(c.message.begin(), c.message.begin() + c.needed));
-    ASSERT_EQ(c.parse(kHCP1, container.handle(), info), 0u) << c.fields;
-    EXPECT_EQ(Fields(info), c.fields);
   }
 
-  // The status-cache parser needs the 40 bytes up to the status length, and replaces all eight
-  // fields.
+  // The status-cache parser needs the 40 bytes up to the status length.
   const Bytes answer = StatusAnswer();
   ScopedContainer container;
   StatCacheResponse &r = *static_cast<StatCacheResponse *>(CreateStatCacheResponse());
@@ -188,6 +194,24 @@ TEST(MessageFunctions, ParsersNeedTheirFieldsAndWriteOnlyTheirOwn) {
   container.Fill(Bytes(answer.begin(), answer.begin() + 39));
   EXPECT_EQ(ParseStatusCacheResponse(kHBN3, container.handle(), r), 0x0A0708A3u);
   EXPECT_EQ(r.strPayload + r.strAdapterUAA, "oldold");
+  delete &r;
+}
+
+// From the message that holds its fields each parser writes its own fields and keeps the others.
+TEST(MessageFunctions, ParsersWriteOnlyTheirOwnFields) {
+  for (const ParserCase &c : kParserCases) {
+    ScopedContainer container;
+    container.Fill(Bytes(c.message.begin(), c.message.begin() + c.needed));
+    HBNResponseInfo info{"sender", 0xE1, 0xE2, 0xE3, 0xE4, 0xE5};
+    ASSERT_EQ(c.parse(kHCP1, container.handle(), info), 0u) << c.fields;
+    EXPECT_EQ(Fields(info), c.fields);
+  }
+
+  // The status-cache parser replaces all eight fields.
+  const Bytes answer = StatusAnswer();
+  ScopedContainer container;
+  StatCacheResponse &r = *static_cast<StatCacheResponse *>(CreateStatCacheResponse());
+  r = {0xE1, 0xE2, "old", 77, "old", "old", 78, "old"};
   container.Fill(answer);
   ASSERT_EQ(ParseStatusCacheResponse(kHBN3, container.handle(), r), 0u);
   std::ostringstream fields;

@@ -1,7 +1,10 @@
-// Received messages as devices send them (HBN3 answers, HCP answers), shared by the parser tests.
+// Received messages as devices send them (HBN3 and HCP answers) and a parser holding one.
 #ifndef KIV_TESTS_SUPPORT_MESSAGEVECTORS_H
 #define KIV_TESTS_SUPPORT_MESSAGEVECTORS_H
 
+#include <memory>
+
+#include "Asm_Deasm/KivHBN3Disassembler.h"
 #include "Common/Constants/KivCommunicationConstants.h"
 #include "support/TestSupport.h"
 
@@ -65,12 +68,27 @@ inline Items DeviceItems() {
   // clang-format on
 }
 
+// The text record a device echoes in its configuration answer.
+inline std::string ConfigurationText() {
+  return "IPADDRESS 10.0.0.5\nIPNETMASK 255.0.0.0\nIPGATEWAY 10.0.0.1\n";
+}
+
 // An HCP configuration answer: the header with the device's result byte at 26, then the text
 // record it echoes (shorter than 256 bytes).
 inline Bytes ConfigurationAnswer(UInt8 result, const std::string &text) {
   return Join({Text("HCP1"), Hex("0001 00804A1B2C3D 000000000000 C0A80114 C0A8010A"),
                Bytes{result, 0x01, 0, 0, 0, 0, 0, static_cast<unsigned char>(text.size())},
                Text(text)});
+}
+
+// A parser holding a copy of exactly `bytes` (a read past it is a sanitizer report); the container
+// it came through is released first.
+inline std::unique_ptr<KivHBN3Disassembler> Holding(const Bytes &bytes) {
+  static const unsigned char kNothing = 0;
+  KivNetBuffer buffer;
+  KivNetBufferStorageGuard guard(buffer);
+  buffer.SetBuffer(bytes.empty() ? &kNothing : bytes.data(), static_cast<int>(bytes.size()));
+  return std::unique_ptr<KivHBN3Disassembler>(new KivHBN3Disassembler(buffer));
 }
 
 // A record's device entries as text: |{iFlag,strProdID,strOEMByte,strCPDAttached,

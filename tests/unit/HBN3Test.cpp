@@ -22,7 +22,7 @@ const Bytes kCarrying = Hex("48424E33 00000001 00000002 00000003 00000004 000000
 
 // The whole message a header writes, into a room of exactly 24 + its data length.
 Bytes Stream(KivHBN3Header &header) {
-  Bytes out(static_cast<size_t>(KivHBN3Header::kHeaderLength + header.GetPayloadSize()), 0xEE);
+  Bytes out(static_cast<size_t>(kHBN3HeaderLength + header.GetPayloadSize()), 0xEE);
   header.GetDataStream(out.data(), Size(out));
   return out;
 }
@@ -39,7 +39,7 @@ TEST(HBN3HeaderTest, ParsedHeaderWritesTheSameBytes) {
   EXPECT_EQ(ToHex(Stream(parsed)), ToHex(wire));
 }
 
-TEST(HBN3HeaderTest, PayloadWritesOnlyHeldBytesAtOffset24ZeroFilledWhenMissing) {
+TEST(HBN3HeaderTest, PayloadWritesOnlyHeldBytesAtOffset24) {
   KivHBN3Header header(kCarrying.data(), Size(kCarrying));
   header.SetDataLength(8);
   Bytes room(32, 0xEE);
@@ -51,8 +51,11 @@ TEST(HBN3HeaderTest, PayloadWritesOnlyHeldBytesAtOffset24ZeroFilledWhenMissing) 
   Bytes exact(26, 0xEE);
   header.GetPayload(exact.data(), 2);
   EXPECT_EQ(ToHex(exact), ToHex(Join({Bytes(24, 0xEE), Hex("0102")})));
-  // A payload is taken, zero-filled, only when it states a length: status answers declaring 4 bytes
-  // with none arrived, and declaring -16.
+}
+
+// A payload is taken, zero-filled, only when it states a length: status answers declaring 4 bytes
+// with none arrived, and declaring -16.
+TEST(HBN3HeaderTest, PayloadObjectIsTakenZeroFilledOnlyWhenItStatesALength) {
   const Bytes cut = Hex("0004000A1B2C 0000 C0A80114 00000004");
   const Bytes negative = Hex("0004000A1B2C 0000 C0A80114 FFFFFFF0");
   KivHBN3StatusCacheResponsePayload four(cut.data(), 16), none(negative.data(), 16);
@@ -118,29 +121,41 @@ TEST(HBN3PayloadTest, HostListEntryVectors) {
             ToHex(Hex("01020304 39000000 001122334455 FDE9 0001 41")));
 }
 
-TEST(HBN3PayloadTest, StatusIsHeldOnlyWhenTheDeclaredLengthArrivedAndCopiedUpToTheRoom) {
-  // 28 status bytes after the fixed part (adapter, reserved, address 192.168.1.20, length); the
-  // printer identifier is status bytes 26 and 27, there only when both are held.
-  const Bytes status = Hex("000102030405060708090A0B0C0D0E0F 10111213141516171819 4F0A");
-  const struct {
-    const char *length;
-    int declared, held;
-    const char *printerID;
-  } cases[] = {{"0000001C", 28, 28, "4f0a"},
-               {"0000001B", 27, 27, ""},
-               {"0000001D", 29, 0, ""},
-               {"FFFFFFFF", -1, 0, ""},
-               {"00000004", 4, 4, ""}};
-  for (const auto &c : cases) {
-    const Bytes answer = Join({Hex("0004000A1B2C 0000 C0A80114"), Hex(c.length), status});
+// 28 status bytes after the fixed part (adapter, reserved, address 192.168.1.20, length); the
+// printer identifier is status bytes 26 and 27, there only when both are held.
+const Bytes kStatus = Hex("000102030405060708090A0B0C0D0E0F 10111213141516171819 4F0A");
+const struct StatusCase {
+  const char *length;
+  int declared, held;
+  const char *printerID;
+} kStatusCases[] = {{"0000001C", 28, 28, "4f0a"},
+                    {"0000001B", 27, 27, ""},
+                    {"0000001D", 29, 0, ""},
+                    {"FFFFFFFF", -1, 0, ""},
+                    {"00000004", 4, 4, ""}};
+
+Bytes StatusPayload(const StatusCase &c) {
+  return Join({Hex("0004000A1B2C 0000 C0A80114"), Hex(c.length), kStatus});
+}
+
+TEST(HBN3PayloadTest, StatusIsHeldOnlyWhenTheDeclaredLengthArrived) {
+  for (const StatusCase &c : kStatusCases) {
+    const Bytes answer = StatusPayload(c);
     KivHBN3StatusCacheResponsePayload payload(answer.data(), Size(answer));
     EXPECT_EQ(payload.IsPayloadSet(), c.held > 0) << c.length;
     EXPECT_EQ(payload.GetPayloadLength(), c.declared) << c.length;
     EXPECT_EQ(payload.GetHeldStatusLength(), c.held) << c.length;
     EXPECT_EQ(payload.GetPrinterID(), c.printerID) << c.length;
-    // A room as large as any declared length receives only what is held; a smaller one stops it.
+  }
+}
+
+// A room as large as any declared length receives only what is held; a smaller one stops it.
+TEST(HBN3PayloadTest, StatusIsCopiedUpToTheRoom) {
+  for (const StatusCase &c : kStatusCases) {
+    const Bytes answer = StatusPayload(c);
+    KivHBN3StatusCacheResponsePayload payload(answer.data(), Size(answer));
     Bytes room(64, 0xEE), expected(64, 0xEE), three(3, 0xEE);
-    std::copy(status.begin(), status.begin() + c.held, expected.begin());
+    std::copy(kStatus.begin(), kStatus.begin() + c.held, expected.begin());
     payload.GetDataPayload(room.data(), Size(room));
     payload.GetDataPayload(three.data(), 3);
     EXPECT_EQ(ToHex(room), ToHex(expected)) << c.length;

@@ -68,8 +68,8 @@ TEST_F(HCPTest, ConfigurationMessages) {
             "0004000A1B2C001122334455192.168.1.110.0.0.5abc255.255.255.010.0.0.1");
 }
 
-TEST_F(HCPTest, TextRecordAndPasswordLimitsOfTheBuilderAndNoHost) {
-  // 33 key bytes + 991 value bytes = 1024, the builder's room exactly; one more is refused.
+// 33 key bytes + 991 value bytes = 1024, the builder's room exactly; one more is refused.
+TEST_F(HCPTest, BuilderRefusesATextRecordBeyondItsRoom) {
   destIP = std::string(991, '1');
   mask.clear();
   gateway.clear();
@@ -78,15 +78,22 @@ TEST_F(HCPTest, TextRecordAndPasswordLimitsOfTheBuilderAndNoHost) {
   destIP.push_back('1');
   EXPECT_EQ(BuildConfig(), 0x0A0507A3u);
   EXPECT_EQ(container.bytes().size(), 34u + 1024u) << "the container keeps the first message";
-  // The password's length travels in 16 bits.
-  destIP = "10.0.0.5";
+}
+
+// The password's length travels in 16 bits.
+TEST_F(HCPTest, BuilderRefusesAPasswordBeyond65535Bytes) {
   password.assign(65536, 'p');
   EXPECT_EQ(BuildConfig(), 0x0A0409A3u);
-  // Without a default interface: kind 00, and the container keeps its message.
+}
+
+// Without a default interface: kind 00, and the container keeps its message.
+TEST_F(HCPTest, BuilderWithoutDefaultInterfaceGivesKind00) {
+  ASSERT_EQ(BuildConfig(), 0u);
+  const Bytes before = container.bytes();
   FakeHostPlatform none;
   kiv::HostPlatformOverrideScope noHost(none);
   EXPECT_EQ(BuildConfig(), 0x0A090B00u);
-  EXPECT_EQ(container.bytes().size(), 34u + 1024u);
+  EXPECT_EQ(container.bytes(), before);
 }
 
 // ---- The configuration message and its text record ----
@@ -109,18 +116,36 @@ TEST_F(HCPTest, TextRecordIsThreeKeySpaceValueLinesWrittenWholeOrNotAtAll) {
   EXPECT_EQ(len, 36);
 }
 
-TEST_F(HCPTest, IdentifierNullDestinationAndRemovalByLengthZero) {
+// The message of a header for 0004000A1B2C at 192.168.1.20 after `change`, as hex.
+std::string MessageAfter(const std::function<void(KivHCPConfigHeader &)> &change) {
   KivHCPConfigHeader header;
   header.SetDestUAA(U("0004000A1B2C"));
   header.SetDestIP(U("192.168.1.20"));
-  header.SetEncryptedPassword(U("abc"), 3);
-  header.SetConfigTextRecord(Hex("0A0B").data(), 2); // set, then removed below
-  header.SetHCPConfigIDwithVersion(0x48424E33, 3);
-  header.SetDestIP(nullptr);
-  header.SetEncryptedPassword(nullptr, 0);
-  header.SetConfigTextRecord(nullptr, 0);
-  EXPECT_EQ(ToHex(MessageOf(header)), ToHex(Hex("48424E33 0003 0004000A1B2C 000000000000 C0A86417"
-                                                "FFFFFFFF 0001 0000 00000000")));
+  change(header);
+  return ToHex(MessageOf(header));
+}
+
+TEST_F(HCPTest, IdentifierAndVersionCanBeReplaced) {
+  EXPECT_EQ(MessageAfter([](KivHCPConfigHeader &h) { h.SetHCPConfigIDwithVersion(0x48424E33, 3); }),
+            ToHex(Hex("48424E33 0003 0004000A1B2C 000000000000 C0A86417 C0A80114 0001 0000 "
+                      "00000000")));
+}
+
+TEST_F(HCPTest, NullDestinationAddressIsTheBroadcastAddress) {
+  EXPECT_EQ(MessageAfter([](KivHCPConfigHeader &h) { h.SetDestIP(nullptr); }),
+            ToHex(Hex("48435031 0001 0004000A1B2C 000000000000 C0A86417 FFFFFFFF 0001 0000 "
+                      "00000000")));
+}
+
+TEST_F(HCPTest, LengthZeroRemovesPasswordAndRecord) {
+  EXPECT_EQ(MessageAfter([](KivHCPConfigHeader &h) {
+              h.SetEncryptedPassword(U("abc"), 3);
+              h.SetConfigTextRecord(Hex("0A0B").data(), 2);
+              h.SetEncryptedPassword(nullptr, 0);
+              h.SetConfigTextRecord(nullptr, 0);
+            }),
+            ToHex(Hex("48435031 0001 0004000A1B2C 000000000000 C0A86417 C0A80114 0001 0000 "
+                      "00000000")));
 }
 
 TEST_F(HCPTest, MessageRefusalsChangeNothing) {
@@ -162,13 +187,21 @@ TEST_F(HCPTest, InitTakesANewHostSnapshotOrChangesNothing) {
 
 // ---- Discovery query ----
 
-TEST(HCPDiscoveryHeaderTest, SmallRoomsAreRefusedAndMiddleOnesLeftAlone) {
+TEST(HCPDiscoveryHeaderTest, RoomsBelowTenBytesAreRefused) {
   KivHCPDiscoveryHeader header;
   Bytes room(40, 0xEE);
   ExpectCodes({
       {"null", [&] { header.GetDataHeader(nullptr, 41); }, 0x601A1},
       {"9", [&] { header.GetDataHeader(room.data(), 9); }, 0x601A2},
-      // Rooms of 10 to 40 bytes have always been accepted and left as they were.
+  });
+  EXPECT_EQ(room, Bytes(40, 0xEE));
+}
+
+// Rooms of 10 to 40 bytes have always been accepted and left as they were.
+TEST(HCPDiscoveryHeaderTest, RoomsOf10To40BytesAreLeftAlone) {
+  KivHCPDiscoveryHeader header;
+  Bytes room(40, 0xEE);
+  ExpectCodes({
       {"10", [&] { header.GetDataHeader(room.data(), 10); }, 0},
       {"40", [&] { header.GetDataHeader(room.data(), 40); }, 0},
   });

@@ -1,6 +1,8 @@
 // The message container: each operation's boundaries, and the numbers its refusals carry.
 #include <gtest/gtest.h>
 
+#include <climits>
+
 #include "CommonFiles/KivNetBuffer.h"
 #include "support/TestSupport.h"
 #include "support/Thrown.h"
@@ -37,11 +39,14 @@ TEST_F(NetBufferTest, SetBufferCopiesAndReadsOnlyTheFieldsItHolds) {
   }
 }
 
-TEST_F(NetBufferTest, ResetAndEmptySetBufferKeepHeaderAndCommand) {
+TEST_F(NetBufferTest, EmptySetBufferEmptiesAndKeepsHeaderAndCommand) {
   buffer.SetBuffer(header.data(), 24);
   EXPECT_EQ(buffer.SetBuffer(header.data(), 0), 0);
   EXPECT_EQ(buffer.GetBufferRef(), nullptr);
   EXPECT_EQ(buffer.GetCommandType(), 2u);
+}
+
+TEST_F(NetBufferTest, ResetEmptiesAndKeepsHeaderAndCommand) {
   buffer.SetBuffer(header.data(), 24);
   buffer.ResetBuffer();
   EXPECT_EQ(buffer.GetBufferRef(), nullptr);
@@ -50,7 +55,10 @@ TEST_F(NetBufferTest, ResetAndEmptySetBufferKeepHeaderAndCommand) {
   unsigned char untouched = 0x5A;
   EXPECT_EQ(buffer.GetBuffer(&untouched, 0), 0) << "an empty container gives nothing";
   EXPECT_EQ(untouched, 0x5A);
-  // Refilled from its own bytes, or from a copy sharing its block: the bytes are read first.
+}
+
+// Refilled from its own bytes, or from a copy sharing its block: the bytes are read first.
+TEST_F(NetBufferTest, SetBufferFromItsOwnBytesReadsThemBeforeReleasing) {
   buffer.SetBuffer(header.data(), 24);
   const KivNetBuffer sharing = buffer;
   EXPECT_EQ(buffer.SetBuffer(sharing.GetBufferRef() + 4, 20), 20);
@@ -58,7 +66,7 @@ TEST_F(NetBufferTest, ResetAndEmptySetBufferKeepHeaderAndCommand) {
   EXPECT_EQ(Contents(buffer), Bytes(header.begin() + 4, header.begin() + 20));
 }
 
-TEST_F(NetBufferTest, ExtractDrainsFromTheFrontAndInsertFillsOnlyAnEmptyContainer) {
+TEST_F(NetBufferTest, ExtractDrainsFromTheFront) {
   buffer.SetBuffer(header.data(), 24);
   Bytes out(24, 0);
   EXPECT_EQ(buffer.ExtractFromBuffer(out.data(), 10), 10);
@@ -67,7 +75,12 @@ TEST_F(NetBufferTest, ExtractDrainsFromTheFrontAndInsertFillsOnlyAnEmptyContaine
   EXPECT_EQ(out, header);
   EXPECT_EQ(buffer.GetBufferRef(), nullptr);
   EXPECT_EQ(buffer.ExtractFromBuffer(out.data(), 24), 0);
-  // Inserting gives the length into an empty container and 0 after, and never reads the fields.
+}
+
+// Inserting gives the length into an empty container and 0 after, and never reads the fields.
+TEST_F(NetBufferTest, InsertGivesTheLengthOnlyIntoAnEmptyContainer) {
+  buffer.SetBuffer(header.data(), 24);
+  buffer.ResetBuffer();
   const Bytes five = Hex("0102030405");
   EXPECT_EQ(buffer.InsertIntoBuffer(five.data(), 0), 0);
   EXPECT_EQ(buffer.GetBufferRef(), nullptr);
@@ -89,6 +102,8 @@ TEST_F(NetBufferTest, RefusalsCarryTheirNumbersAndChangeNothing) {
       {"Extract -5", [&] { buffer.ExtractFromBuffer(room.data(), -5); }, 0x80BA2},
       {"Insert null", [&] { buffer.InsertIntoBuffer(nullptr, 4); }, 0x80CA1},
       {"Insert -2", [&] { buffer.InsertIntoBuffer(room.data(), -2); }, 0x80CA2},
+      // 24 held: one byte more than the largest int could count.
+      {"Insert past INT_MAX", [&] { buffer.InsertIntoBuffer(room.data(), INT_MAX - 23); }, 0x80CA2},
   });
   EXPECT_EQ(Contents(buffer), header);
   EXPECT_EQ(room, Bytes(23, 0xEE));

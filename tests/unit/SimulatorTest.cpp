@@ -93,10 +93,36 @@ protected:
   kivsim::DatagramSocket peer{"127.0.0.1", 0};
 };
 
-// The HBN3 status, host-list and scan answers; then configurations: one for another device's MAC
-// address is ignored, a wrong password refused (01), the right one accepted (00), which moves the
-// device and its sockets.
-TEST_F(SimulatorTest, AnswersAreByteExactAndAnAcceptedConfigurationMovesTheDevice) {
+// One request to the device and the answers it must send, in order (none: empty).
+struct Exchange {
+  std::uint16_t port;
+  Bytes request, answer;
+};
+
+// The HBN3 status, host-list and scan answers.
+TEST_F(SimulatorTest, Hbn3AnswersAreByteExact) {
+  const std::uint16_t hbn3 = simulator.Hbn3Port();
+  const Exchange table[] = {
+      {hbn3, Hex("48424E33 00000001 00000005 00000009 00000001 00000000"),
+       Hex("48424E33 00000001 00000005 00000009 80000001 0000002E 024B49560001 0000 7F000014 "
+           "0000001E"
+           "000102030405060708090A0B0C0D0E0F10111213141516171819 0101 1C1D")},
+      {hbn3,
+       Hex("48424E33 00000002 00000002 0000000B 00000004 00000016"
+           "00000001 31323334 001122334455 04E4 0004 484F5354"),
+       Hex("48424E33 00000002 00000002 0000000B 80000004 00000004 00000002")},
+      {hbn3, Hex("48424E33 00000001 00000002 00000002 00000005 00000008 0807060504030201"),
+       Hex("48424E33 00000001 00000002 00000002 80000005 00000000")},
+  };
+  for (const auto &row : table) {
+    Send(row.port, row.request);
+    EXPECT_EQ(Receive(), ToHex(row.answer)) << ToHex(row.request);
+  }
+}
+
+// Configurations: one for another device's MAC address is ignored, a wrong password refused (01),
+// the right one accepted (00), which moves the device and its sockets.
+TEST_F(SimulatorTest, AnAcceptedConfigurationMovesTheDevice) {
   const auto configuration = [](const char *mac, const char *password) {
     return Join(
         {Hex(std::string("48435031 0001") + mac + "A1A2A3A4A5A6 7F000001 7F000063 0001"),
@@ -108,21 +134,8 @@ TEST_F(SimulatorTest, AnswersAreByteExactAndAnAcceptedConfigurationMovesTheDevic
         {Hex(std::string("48435031 0001 024B49560001 A1A2A3A4A5A6 7F000014 0000 8001") + code),
          Items(4, items)});
   };
-  const std::uint16_t hbn3 = simulator.Hbn3Port(), hcp = simulator.HcpPort();
-  const struct {
-    std::uint16_t port;
-    Bytes request, answer; // no answer: empty
-  } table[] = {
-      {hbn3, Hex("48424E33 00000001 00000005 00000009 00000001 00000000"),
-       Hex("48424E33 00000001 00000005 00000009 80000001 0000002E 024B49560001 0000 7F000014 "
-           "0000001E"
-           "000102030405060708090A0B0C0D0E0F10111213141516171819 0101 1C1D")},
-      {hbn3,
-       Hex("48424E33 00000002 00000002 0000000B 00000004 00000016"
-           "00000001 31323334 001122334455 04E4 0004 484F5354"),
-       Hex("48424E33 00000002 00000002 0000000B 80000004 00000004 00000002")},
-      {hbn3, Hex("48424E33 00000001 00000002 00000002 00000005 00000008 0807060504030201"),
-       Hex("48424E33 00000001 00000002 00000002 80000005 00000000")},
+  const std::uint16_t hcp = simulator.HcpPort();
+  const Exchange table[] = {
       {hcp, configuration("024B49560002", "secret"), {}},
       {hcp, configuration("024B49560001", "guess"),
        result("01000000", "IPADDRESS=127.0.0.20|IPNETMASK=255.0.0.0|IPGATEWAY=127.0.0.1|")},
@@ -137,17 +150,20 @@ TEST_F(SimulatorTest, AnswersAreByteExactAndAnAcceptedConfigurationMovesTheDevic
             "127.0.0.99 127.0.0.99");
 }
 
-// The discovery answer with the MAC address's bits reversed in each byte, then each fault switch
-// and address-item change once; then Stop drops an answer still waiting and returns within its
-// bounded wait.
-TEST_F(SimulatorTest, DiscoveryAnswerAndEachFaultSwitchAndStopDroppingTheLateOnes) {
+// The discovery answer carries the MAC address with the bits of each byte reversed.
+TEST_F(SimulatorTest, DiscoveryAnswerIsByteExact) {
+  Send(simulator.HcpPort(), kQuery);
+  EXPECT_EQ(Receive(), ToHex(DiscoveryAnswer("40D2926A0080")));
+  EXPECT_EQ(Receive(200), "") << "nothing more";
+}
+
+TEST_F(SimulatorTest, EachFaultSwitchShowsItsFault) {
   const struct {
     const char *name;
     kivsim::Faults faults; // silent, delay ms, cut to, garbage, wrong MAC, copies
     const Bytes &request;
     std::vector<Bytes> answers;
   } table[] = {
-      {"none", {}, kQuery, {DiscoveryAnswer("40D2926A0080")}},
       {"silent", {true, 0, -1, false, false, 1}, kPing, {}},
       {"cut", {false, 0, 10, false, false, 1}, kPing, {Hex("48424E33 00000001 0000")}},
       {"copies", {false, 0, -1, false, false, 3}, kPing, {kPingReply, kPingReply, kPingReply}},
@@ -163,8 +179,15 @@ TEST_F(SimulatorTest, DiscoveryAnswerAndEachFaultSwitchAndStopDroppingTheLateOne
     EXPECT_EQ(Receive(200), "") << row.name << ": nothing more";
   }
 
-  // The address items a device leaves out or announces with another text.
-  simulator.SetFaults(0, kivsim::Faults());
+  simulator.SetFaults(0, {false, 0, -1, true, false, 1});
+  Send(simulator.Hbn3Port(), kPing);
+  // As long as the answer (24 bytes, 71 characters as hex), and never taken for a message.
+  const std::string garbage = Receive();
+  EXPECT_EQ(garbage.substr(0, 3) + std::to_string(garbage.size()), "FF 71");
+}
+
+// The address items a device leaves out of its discovery answer, or announces with another text.
+TEST_F(SimulatorTest, AddressItemsCanBeLeftOutOrAnnouncedWithAnotherText) {
   const kivsim::DeviceRecord plain = simulator.Device(0);
   const struct {
     bool address, netmask;
@@ -183,14 +206,10 @@ TEST_F(SimulatorTest, DiscoveryAnswerAndEachFaultSwitchAndStopDroppingTheLateOne
     Send(simulator.HcpPort(), kQuery);
     EXPECT_EQ(Receive(), ToHex(DiscoveryAnswer("40D2926A0080", row.items))) << row.items;
   }
-  simulator.SetDevice(0, plain);
+}
 
-  simulator.SetFaults(0, {false, 0, -1, true, false, 1});
-  Send(simulator.Hbn3Port(), kPing);
-  // As long as the answer (24 bytes, 71 characters as hex), and never taken for a message.
-  const std::string garbage = Receive();
-  EXPECT_EQ(garbage.substr(0, 3) + std::to_string(garbage.size()), "FF 71");
-
+// Stop drops an answer still waiting and returns within its bounded wait.
+TEST_F(SimulatorTest, StopDropsTheLateAnswers) {
   simulator.SetFaults(0, {false, 30000, -1, false, false, 1});
   Send(simulator.Hbn3Port(), kPing);
   EXPECT_EQ(Receive(200), "");

@@ -23,6 +23,27 @@ static const std::string kQueryHeaderString = "QUERY";
 constexpr UInt32 kHeaderTypeHBN3 = 0x48424E33; // "HBN3", every HBN3 message
 constexpr UInt32 kHeaderTypeHCP1 = 0x48435031; // "HCP1", the HCP configuration message
 
+// HBN3 header layout: six big-endian 32-bit fields, then the payload. The container, the header
+// class and the answer parser all read these offsets from here.
+constexpr int kHBN3FieldLength = 4;       // every header field is a 32-bit number
+constexpr int kHBN3HeaderLength = 24;     // the payload starts here
+constexpr int kHBN3OffsetTag = 0;         // "HBN3", the header type
+constexpr int kHBN3OffsetPortInfo = 4;    // port information
+constexpr int kHBN3OffsetChannel = 8;     // channel number
+constexpr int kHBN3OffsetTimeStamp = 12;  // time stamp
+constexpr int kHBN3OffsetCommand = 16;    // command code
+constexpr int kHBN3OffsetDataLength = 20; // number of payload bytes
+constexpr int kHBN3OffsetPayload = kHBN3HeaderLength;
+
+// The payload of a scan request: the 8-byte report, least significant byte first.
+constexpr int kHBN3ReportLength = 8;
+
+// HCP message layout as a parser reads it: an "HCP1" message carries its command after the 24
+// bytes of identifier, version and addresses (not at 16), and a configuration answer the device's
+// result byte at 26.
+constexpr int kHCPOffsetCommand = 24;
+constexpr int kHCPOffsetResult = 26;
+
 // HBN3 command codes (bytes 16-19 of the header). A reply carries its request's code with bit 31.
 constexpr UInt32 kCmdStatusCacheRequest = 1;
 constexpr UInt32 kCmdPing = 3;
