@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <memory>
 #include <new>
 
 #include "Asm_Deasm/KivHBN3Disassembler.h"
@@ -176,13 +177,13 @@ TEST(OutOfMemory, EachMemberGivesItsCopyErrorAndKeepsItsDocumentedState) {
 // Through an exported function: the parser's code, and the caller's record unchanged.
 TEST(OutOfMemory, BoundaryGivesTheMembersCode) {
   const Bytes message = Hbn3Message(kRefused, 0x55);
-  KivNetBuffer received;
-  KivNetBufferStorageGuard release(received);
-  received.SetBuffer(message.data(), static_cast<int>(message.size()));
+  std::unique_ptr<KivNetBuffer> received(static_cast<KivNetBuffer *>(CreateBuffer()));
+  KivNetBufferStorageGuard release(*received);
+  received->SetBuffer(message.data(), static_cast<int>(message.size()));
   StatCacheResponse record;
   record.strPayload = "old";
   RefuseBlocksOf refuse(message.size());
-  EXPECT_EQ(ParseStatusCacheResponse(0x48424E33, &received, record), 0x0A0704A3u);
+  EXPECT_EQ(ParseStatusCacheResponse(0x48424E33, received.get(), record), 0x0A0704A3u);
   EXPECT_EQ(record.strPayload, "old");
 }
 
