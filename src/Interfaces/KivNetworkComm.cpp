@@ -2,6 +2,7 @@
 // operation through the shared call frame (KivCallFrame.h); none has a try/catch of its own.
 #include "Interfaces/KivNetworkComm.h"
 
+#include <climits>
 #include <memory>
 #include <utility>
 
@@ -439,12 +440,143 @@ KivSocket *VerifySocketHandle(HANDLE objHandle, int iType) {
   case kSocketKindUDP:
     return LiveHandle<KivUDPSocket>(objHandle, kKivUDPSocketClassID);
   case kSocketKindTCPChannel:
-    return LiveHandle<KivSocket>(objHandle, kKivTCPClientSocketClassID);
+    // Only OpenTCPSocket records "tcpC" handles, so a kind-1 handle is always a channel (a plain
+    // TCP client a host made through its class is no handle).
+    return LiveHandle<KivHBN3TCPSocket>(objHandle, kKivTCPClientSocketClassID);
   case kSocketKindTCPServer:
-    return LiveHandle<KivSocket>(objHandle, kKivTCPServerSocketClassID);
+    return LiveHandle<KivTCPServerSocket>(objHandle, kKivTCPServerSocketClassID);
   default:
     return nullptr;
   }
+}
+
+// ---- HBN3 TCP channels ------------------------------------------------------------------------
+
+namespace {
+
+// The channel behind a handle of kind 1, or null.
+KivHBN3TCPSocket *VerifyChannelHandle(HANDLE objHandle) {
+  return static_cast<KivHBN3TCPSocket *>(VerifySocketHandle(objHandle, kSocketKindTCPChannel));
+}
+
+// A server socket's descriptors are ints; a length beyond them is refused by the server itself.
+int AsLength(unsigned int length) {
+  return length > static_cast<unsigned int>(INT_MAX) ? -1 : static_cast<int>(length);
+}
+
+// One frame of a channel into the caller's buffer: the frame is read into a container of the
+// call's own and copied from there only when it fits, so the buffer holds whole frames only. A
+// frame that does not fit has been consumed all the same (the container's size refusal).
+int ReadChannelFrame(KivHBN3TCPSocket &channel, unsigned char *buffer, int length,
+                     KivTimeVal *timeout, int maxTicklePackets) {
+  KivNetBuffer frame;
+  KivNetBufferStorageGuard release(frame);
+  const int count = channel.Read(frame, timeout, maxTicklePackets);
+  if (buffer != nullptr && frame.GetBufferLength() > 0) {
+    frame.GetBuffer(buffer, length);
+  }
+  return count;
+}
+
+// The read functions' shared frame: kind 1 reads a frame (with `timeout`, or none), kind 2 one
+// receive from the server's current client.
+UInt32 ReadFrom(FunctionNumber function, HANDLE objHandle, int iType, unsigned char *buffer,
+                int length, KivTimeVal *timeout, int maxTicklePackets, int &iMsgRecv) {
+  KivSocket *socket = VerifySocketHandle(objHandle, iType);
+  if (socket == nullptr) {
+    return InterfaceCode(function, kKindBadSocket);
+  }
+  if (iType == kSocketKindUDP) {
+    iMsgRecv = 0;
+    return InterfaceCode(function, kKindUnsupported);
+  }
+  return Guarded<KivSocketException>(function, [&]() -> UInt32 {
+    if (iType == kSocketKindTCPChannel) {
+      iMsgRecv = ReadChannelFrame(*static_cast<KivHBN3TCPSocket *>(socket), buffer, length, timeout,
+                                  maxTicklePackets);
+    } else {
+      iMsgRecv = static_cast<KivTCPServerSocket *>(socket)->Recv(buffer, length, 0);
+    }
+    return 0;
+  });
+}
+
+// The write functions' shared frame: kind 1 writes through the channel (with `timeout`, or
+// none), kind 2 makes one send to the server's current client.
+UInt32 WriteTo(FunctionNumber function, HANDLE objHandle, int iType, unsigned char *msg,
+               unsigned int length, KivTimeVal *timeout, int &iMsgSent) {
+  KivSocket *socket = VerifySocketHandle(objHandle, iType);
+  if (socket == nullptr) {
+    return InterfaceCode(function, kKindBadSocket);
+  }
+  if (iType == kSocketKindUDP) {
+    iMsgSent = 0;
+    return InterfaceCode(function, kKindUnsupported);
+  }
+  return Guarded<KivSocketException>(function, [&]() -> UInt32 {
+    if (iType == kSocketKindTCPChannel) {
+      KivHBN3TCPSocket *channel = static_cast<KivHBN3TCPSocket *>(socket);
+      iMsgSent = timeout != nullptr ? channel->Write(msg, AsLength(length), *timeout)
+                                    : channel->Write(msg, AsLength(length));
+    } else {
+      iMsgSent = static_cast<KivTCPServerSocket *>(socket)->Send(msg, AsLength(length), 0);
+    }
+    return 0;
+  });
+}
+
+} // namespace
+
+HANDLE OpenTCPSocket(std::string &ip, int usbEndPoint, KivEndPointInterface endPointInterface,
+                     int &iResult) {
+  // Every failure of the socket layer, the channel's own among them, gives null; the channel is
+  // closed and released on every path that does not return it.
+  return HandleOrNull<KivExceptions>([&]() -> HANDLE {
+    std::unique_ptr<KivHBN3TCPSocket> channel(
+        new KivHBN3TCPSocket(ip, usbEndPoint, endPointInterface));
+    iResult = channel->Open();
+    if (iResult == kHBN3OpenRefused) {
+      return nullptr;
+    }
+    return HandOver(channel.release(), kKivTCPClientSocketClassID);
+  });
+}
+
+UInt32 Write(HANDLE objHandle, int iType, unsigned char *msg, unsigned int length, int &iMsgSent) {
+  return WriteTo(kFnWrite, objHandle, iType, msg, length, nullptr, iMsgSent);
+}
+
+UInt32 WriteManaged(HANDLE objHandle, int iType, unsigned char *msg, unsigned int length,
+                    KivTimeVal timeout, int &iMsgSent) {
+  return WriteTo(kFnWriteManaged, objHandle, iType, msg, length, &timeout, iMsgSent);
+}
+
+UInt32 Read(HANDLE objHandle, int iType, unsigned char *buffer, int length, int maxTicklePackets,
+            int &iMsgRecv) {
+  return ReadFrom(kFnRead, objHandle, iType, buffer, length, nullptr, maxTicklePackets, iMsgRecv);
+}
+
+UInt32 ReadManaged(HANDLE objHandle, int iType, unsigned char *buffer, int length,
+                   KivTimeVal timeout, int maxTicklePackets, int &iMsgRecv) {
+  return ReadFrom(kFnReadManaged, objHandle, iType, buffer, length, &timeout, maxTicklePackets,
+                  iMsgRecv);
+}
+
+UInt32 RegisterReadCallback(HANDLE objHandle, KivSocketReadCallback callback, void *anyObject,
+                            int numSecs, int numUSecs, bool runInSeparateThread, bool isDetached) {
+  KivHBN3TCPSocket *channel = VerifyChannelHandle(objHandle);
+  if (channel == nullptr) {
+    return InterfaceCode(kFnRegisterReadCallback, kKindBadSocket);
+  }
+  return Guarded<NoFamily>(kFnRegisterReadCallback, [&]() -> UInt32 {
+    return static_cast<UInt32>(channel->RegisterReadCallback(callback, anyObject, numSecs, numUSecs,
+                                                             runInSeparateThread, isDetached));
+  });
+}
+
+pthread_t *GetListenerThreadID(HANDLE objHandle) {
+  KivHBN3TCPSocket *channel = VerifyChannelHandle(objHandle);
+  return channel != nullptr ? channel->GetListenerThreadID() : nullptr;
 }
 
 int GetSocketID(HANDLE objHandle, int iType) {
@@ -452,9 +584,30 @@ int GetSocketID(HANDLE objHandle, int iType) {
   if (socket == nullptr) {
     return static_cast<int>(InterfaceCode(kFnGetSocketID, kKindBadSocket));
   }
-  // The checked descriptor: a closed socket is the socket layer's UNKNOWN_ERROR, 0x0A0000B4.
-  return static_cast<int>(Guarded<KivSocketException>(
-      kFnGetSocketID, [&]() -> UInt32 { return static_cast<UInt32>(socket->GetSocket()); }));
+  return static_cast<int>(Guarded<KivSocketException>(kFnGetSocketID, [&]() -> UInt32 {
+    if (iType == kSocketKindTCPChannel) {
+      return static_cast<UInt32>(static_cast<KivHBN3TCPSocket *>(socket)->GetSocket());
+    }
+    // The checked descriptor: a closed socket is the socket layer's UNKNOWN_ERROR, 0x0A0000B4.
+    return static_cast<UInt32>(socket->GetSocket());
+  }));
+}
+
+UInt32 CloseTCPSocket(HANDLE objHandle, int iType, int &iResult) {
+  KivSocket *socket = VerifySocketHandle(objHandle, iType);
+  if (socket == nullptr) {
+    return InterfaceCode(kFnCloseTCPSocket, kKindBadSocket);
+  }
+  return Guarded<KivSocketException>(kFnCloseTCPSocket, [&]() -> UInt32 {
+    if (iType == kSocketKindUDP) {
+      iResult = static_cast<int>(InterfaceCode(kFnCloseTCPSocket, kKindUnsupported));
+    } else if (iType == kSocketKindTCPChannel) {
+      iResult = static_cast<KivHBN3TCPSocket *>(socket)->Close();
+    } else {
+      iResult = socket->Close(); // the listening descriptor; the current client stays open
+    }
+    return 0;
+  });
 }
 
 // ---- Host information -------------------------------------------------------------------------

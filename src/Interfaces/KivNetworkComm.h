@@ -20,8 +20,10 @@
 #include "Common/Constants/KivCommunicationConstants.h"
 #include "Common/Tracer/KivTracer.h"
 #include "CommonFiles/KivNetBuffer.h"
+#include "Sockets/KivHBN3TCPSocket.h"
 #include "Sockets/KivSocket.h"
 #include "Sockets/KivSocketAddress.h"
+#include "Sockets/KivTCPServerSocket.h"
 #include "Sockets/KivUDPSocket.h"
 
 // Exported debug level: starts at 0; the library itself never reads or writes it.
@@ -280,12 +282,124 @@ KIV_EXTERN_C KivSocketAddress *VerifySockAddressHandle(HANDLE objHandle);
 // class) and whose object still lives; otherwise null. Any pointer may be given.
 KIV_EXTERN_C KivSocket *VerifySocketHandle(HANDLE objHandle, int iType);
 
+// ---- HBN3 TCP channels ------------------------------------------------------------------------
+//
+// A channel (socket kind 1, class identifier "tcpC") is a TCP connection to one end-point
+// interface of a device: OpenTCPSocket connects and makes the interface's open handshake; the
+// device then sends frames (a nine-byte header "HBN3", a byte, a big-endian length, then the
+// payload), which the host reads with Read/ReadManaged or has pushed to a callback by a listener
+// (RegisterReadCallback); the host writes raw bytes with Write/WriteManaged. The read and write
+// functions also serve a TCP server socket (kind 2, "tcpS") that the host made through its class
+// (KivTCPServerSocket): they then make one plain receive or send on its current client.
+//
+// Counts. The `int&` count of a read or write carries the channel's outcomes; the function's
+// result is then 0: a byte count; 0 the device closed (read) or took nothing (write); -2 a frame
+// header without "HBN3", or announcing a negative length or one above
+// kHBN3MaxFramePayloadLength (64 MiB; nothing is allocated for it); -5 a wait limit passed.
+// Tickle packets (frames of length 0) are skipped by every read.
+//
+// Codes. 0x0A09NN02: the handle is null or not of the kind `iType` (which must be 0, 1 or 2);
+// 0x0A09NN04: a valid UDP handle (kind 0) given to a channel function; 0x0A0000B0 + error: a
+// socket-layer failure of a kind-2 socket (0x0A0000C0 receive, 0x0A0000C1 send, 0x0A0000B4 no
+// descriptor); 0x0A09NN00: any other failure, every failure of a channel (its socket errors are
+// not carried on) and a frame too large for the caller's buffer among them. On a code the count
+// is left as it was, except where stated.
+//
+// Ownership. Channel handles are never released: no function here (or anywhere in the library)
+// frees one, and a closed channel stays a valid handle for the life of the process, so a
+// listener still running can finish on it. A host that opens many channels keeps them all. The
+// payload blocks a listener hands to the callback are allocated with malloc and belong to the
+// callback, which releases each with free().
+//
+// Threads. No function here takes a lock. Write, WriteManaged and CloseTCPSocket may be called
+// while the channel's listener runs; Read and ReadManaged must not (only one reader at a time: a
+// read that finds another one running fails with kind 00).
+
+// Opens a channel to the device at `ip` (dotted decimal), TCP port `usbEndPoint`, interface
+// `endPointInterface` (kScanInterface, kHIDInterface, kPrintInterface, kMediaInterface; any other
+// value opens the scan interface). Connects (no limit of the library's own), sends the nine-byte
+// open request and waits up to 60 s for the answer, a frame header "HBN3" of length 0. Returns
+// the new channel and sets `iResult` to 9. A missing or wrong answer (a non-zero length, another
+// tag, silence, a device that closes first): null and `iResult` -1. When the descriptor cannot
+// be made or the connection fails (nothing listening): null, `iResult` unchanged. Nothing stays
+// open or allocated when null is returned. The channel belongs to the host and is never
+// released. Throws std::bad_alloc when memory is exhausted.
+KIV_EXTERN_C HANDLE OpenTCPSocket(std::string &ip, int usbEndPoint,
+                                  KivEndPointInterface endPointInterface, int &iResult);
+
+// Writes `length` bytes of `msg` (a length above INT_MAX writes nothing). Kind 1: all bytes as
+// given, no frame header added; `iMsgSent` = `length`, or 0 when the device took nothing or any
+// failure occurred. Kind 2: one send to the current client; `iMsgSent` = the count taken.
+// Kind 0: `iMsgSent` = 0 and 0x0A091B04. Codes: 0; 0x0A091B02; 0x0A091B04; 0x0A0000C1 (kind-2
+// send failed, no client); 0x0A091B00.
+KIV_EXTERN_C UInt32 Write(HANDLE objHandle, int iType, unsigned char *msg, unsigned int length,
+                          int &iMsgSent);
+
+// As Write, but kind 1 waits at most `timeout` for writability before each send: `iMsgSent` =
+// `length`, 0, or -5 when a wait ran out. Kind 2 sends without a limit. Codes: 0; 0x0A091C02;
+// 0x0A091C04 (with `iMsgSent` = 0); 0x0A0000C1; 0x0A091C00 (a channel failure; `iMsgSent`
+// unchanged).
+KIV_EXTERN_C UInt32 WriteManaged(HANDLE objHandle, int iType, unsigned char *msg,
+                                 unsigned int length, KivTimeVal timeout, int &iMsgSent);
+
+// Kind 1: reads one data frame, waiting without a limit, and copies its payload into `buffer`
+// (capacity `length`); with `buffer` null the frame is read and dropped. `maxTicklePackets` above
+// 0: after that many tickle packets in a row without a data frame, `iMsgRecv` is -5 as if a limit
+// had passed; 0 or less skips any number. `iMsgRecv` = the payload length, 0 (the device closed),
+// -2 or -5. A frame larger than `length` is consumed and lost: 0x0A091D00, `iMsgRecv` unchanged,
+// and the next Read gets the following frame. `buffer` is written only when a whole frame came.
+// Kind 2: one receive of at most `length` bytes from the current client; `iMsgRecv` = the count
+// (0 when it closed). Kind 0: `iMsgRecv` = 0 and 0x0A091D04. Codes: 0; 0x0A091D02; 0x0A091D04;
+// 0x0A0000C0 (kind-2 receive failed, no client); 0x0A091D00.
+KIV_EXTERN_C UInt32 Read(HANDLE objHandle, int iType, unsigned char *buffer, int length,
+                         int maxTicklePackets, int &iMsgRecv);
+
+// As Read, but kind 1 waits at most `timeout` for each piece of a frame header (`iMsgRecv` = -5
+// when a wait ran out; header bytes that came are kept for the next read); a payload, once its
+// header has come, is read without a limit. Kind 2 receives without a limit. Codes: 0;
+// 0x0A091E02; 0x0A091E04; 0x0A0000C0; 0x0A091E00.
+KIV_EXTERN_C UInt32 ReadManaged(HANDLE objHandle, int iType, unsigned char *buffer, int length,
+                                KivTimeVal timeout, int maxTicklePackets, int &iMsgRecv);
+
+// Registers `callback` (see KivSocketReadCallback) with `anyObject` on the channel (kind 1) and a
+// poll period of `numSecs` s + `numUSecs` us. With `runInSeparateThread` it starts a listener
+// thread (detached when `isDetached`) and returns at once; without, the listener runs in the
+// calling thread and the function returns when it has ended. The listener passes each frame's
+// payload to the callback (a malloc'ed block the callback frees), length 0 while the device has
+// closed, (null, -4) for a socket failure, (null, 1) for a bad frame header or any other failure,
+// and (null, 1) once when it ends after more than 20 s without a frame or tickle packet (counted
+// from the start of listening until the first frame). It ends when the callback answers false,
+// after CloseTCPSocket (within one poll period, with no further callback, even in the middle of
+// a frame), when a null callback is registered, and at the idle end. A tickle packet restarts
+// the idle time without a callback. No thread is started for a closed channel, for a null
+// callback, on a media-interface channel (kMediaInterface: no callback is ever made), or while a
+// listener runs (it takes up the new callback, parameter and period). A joinable listener must be
+// joined by the host (GetListenerThreadID), before it lets go of `anyObject`. Codes: 0;
+// 0x0A091F02 (not a channel); 0x0A091F00.
+KIV_EXTERN_C UInt32 RegisterReadCallback(HANDLE objHandle, KivSocketReadCallback callback,
+                                         void *anyObject, int numSecs, int numUSecs,
+                                         bool runInSeparateThread, bool isDetached);
+
+// The listener thread's identifier of a channel whose listener thread is running (valid as long
+// as the channel lives; a joinable listener may be joined through it), otherwise null (also for a
+// handle that is not a channel).
+KIV_EXTERN_C pthread_t *GetListenerThreadID(HANDLE objHandle);
+
 // The descriptor of a socket of kind `iType`: for kinds 0 and 2 the open descriptor, and
 // 0x0A0000B4 when the socket is closed; for kind 1 (HBN3 channel) the descriptor as it is, -1
-// after close. 0x0A092102 for a handle invalid for the kind; 0x0A092100 other failure. A result
-// is a descriptor or a code, told apart by the top byte 0x0A, which no descriptor reaches. The
-// descriptor stays the library's: wait on it (poll, select), never read, write or close it.
+// after CloseTCPSocket. 0x0A092102 for a handle invalid for the kind; 0x0A092100 other failure. A
+// result is a descriptor or a code, told apart by the top byte 0x0A, which no descriptor reaches.
+// The descriptor stays the library's: wait on it (poll, select), never read, write or close it.
 KIV_EXTERN_C int GetSocketID(HANDLE objHandle, int iType);
+
+// Closes a socket of kind 1 or 2 and keeps the object (the handle stays valid). Kind 1: marks the
+// channel closed, tells its listener to stop, shuts the connection down and closes the
+// descriptor; `iResult` = the close's result (0, or -1 when already closed). Kind 2: closes the
+// listening descriptor (the current client stays open); `iResult` = the close's result;
+// RevitalizeSocket can give it a new one. Kind 0: `iResult` = 0x0A092004 (as int) and nothing is
+// closed. Returns 0 in all these cases; 0x0A092002 for a bad handle or kind (`iResult`
+// unchanged); 0x0A092000 for another failure.
+KIV_EXTERN_C UInt32 CloseTCPSocket(HANDLE objHandle, int iType, int &iResult);
 
 // ---- Host information -------------------------------------------------------------------------
 //

@@ -13,7 +13,8 @@ for name in CreateBuffer VerifyBufferHandle GetHeaderType GetCommandType \
     RecvFrom CloseUDPSocket RevitalizeSocket CreateSocketAddress GetAddressPort \
     VerifySockAddressHandle VerifySocketHandle TraceLogBody TraceLogStream mDebugLevel \
     ResolveNewIPAddress QueryMACAddressByHCP InitializeDebugger SendDebugMessage SendDebugPacket \
-    StopDebugger GetSocketID GetKivNetworkCommVersion \
+    StopDebugger GetSocketID GetKivNetworkCommVersion OpenTCPSocket Write WriteManaged Read \
+    ReadManaged RegisterReadCallback GetListenerThreadID CloseTCPSocket \
     _Z15DumpHexMessage2Phi _Z15DumpHexMessage3Phi; do
   if ! grep -qx "$name" <<<"$symbols"; then
     echo "not exported: $name"
