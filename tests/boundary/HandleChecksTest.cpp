@@ -9,14 +9,22 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Interfaces/KivNetworkComm.h"
+#include "support/ChannelPeer.h"
 
 namespace {
 
 // What a handle slot of an exported function accepts.
-enum class Kind { kBuffer, kAddress, kUdp, kNothing };
+enum class Kind { kBuffer, kAddress, kUdp, kChannel, kServer, kNothing };
+
+// The kind of socket handle each socket kind argument (0, 1, 2) accepts; 3 accepts none.
+Kind SocketKind(int kind) {
+  const Kind kinds[] = {Kind::kUdp, Kind::kChannel, Kind::kServer, Kind::kNothing};
+  return kinds[kind];
+}
 
 // One pointer given to every slot, and the kind of handle it is (kNothing: no live handle).
 struct Candidate {
@@ -43,11 +51,26 @@ protected:
     mAddress = CreateSocketAddress(text, 9);
     mUdp = OpenUDPSocket(0);
     ASSERT_NE(mUdp, nullptr);
+    mServer = new KivTCPServerSocket(0);
+    // A device end that answers the open request, for one channel.
+    kivtest::LoopbackPeer device;
+    std::thread answer([&device] {
+      if (device.Accept() && device.Receive(9).size() == 9) {
+        device.Send(kivtest::FrameHeader(0));
+      }
+    });
+    std::string ip = "127.0.0.1";
+    int result = 0;
+    mChannel = OpenTCPSocket(ip, device.Port(), kScanInterface, result);
+    answer.join();
+    ASSERT_NE(mChannel, nullptr);
   }
   void TearDown() override {
     delete VerifyBufferHandle(mBuffer);
     delete VerifySockAddressHandle(mAddress);
     delete static_cast<KivUDPSocket *>(VerifySocketHandle(mUdp, 0));
+    delete static_cast<KivTCPServerSocket *>(VerifySocketHandle(mServer, 2));
+    delete static_cast<KivHBN3TCPSocket *>(VerifySocketHandle(mChannel, 1));
   }
 
   std::vector<Slot> Slots() {
@@ -104,9 +127,8 @@ protected:
                      [](HANDLE h) { return UInt32(VerifyBufferHandle(h) != nullptr); }});
     slots.push_back({"VerifySockAddressHandle", Kind::kAddress, 0,
                      [](HANDLE h) { return UInt32(VerifySockAddressHandle(h) != nullptr); }});
-    // Kinds 1 and 2 accept no handle made here.
     for (int kind = 0; kind <= 3; ++kind) {
-      const Kind accepts = kind == 0 ? Kind::kUdp : Kind::kNothing;
+      const Kind accepts = SocketKind(kind);
       const std::string k = " kind " + std::to_string(kind);
       slots.push_back({"VerifySocketHandle" + k, accepts, 0,
                        [=](HANDLE h) { return UInt32(VerifySocketHandle(h, kind) != nullptr); }});
@@ -116,7 +138,37 @@ protected:
                        [=](HANDLE h) { return UInt32(RevitalizeSocket(h, kind)); }});
       slots.push_back({"GetSocketID" + k, accepts, 0x0A092102,
                        [=](HANDLE h) { return UInt32(GetSocketID(h, kind)); }});
+      // The channel functions refuse a UDP socket with kind 0 as a kind they do not serve (04),
+      // which is a check of its own; here the handle is what is wrong.
+      const Kind channelKinds = kind == 0 ? Kind::kUdp : accepts;
+      static unsigned char bytes[16] = {};
+      slots.push_back({"Write" + k, channelKinds, 0x0A091B02, [=](HANDLE h) {
+                         int sent = -77;
+                         return Write(h, kind, bytes, sizeof bytes, sent);
+                       }});
+      slots.push_back({"WriteManaged" + k, channelKinds, 0x0A091C02, [=](HANDLE h) {
+                         int sent = -77;
+                         return WriteManaged(h, kind, bytes, sizeof bytes, {0, 1000}, sent);
+                       }});
+      slots.push_back({"Read" + k, channelKinds, 0x0A091D02, [=](HANDLE h) {
+                         int received = -77;
+                         return Read(h, kind, bytes, sizeof bytes, 0, received);
+                       }});
+      slots.push_back({"ReadManaged" + k, channelKinds, 0x0A091E02, [=](HANDLE h) {
+                         int received = -77;
+                         return ReadManaged(h, kind, bytes, sizeof bytes, {0, 1000}, 0, received);
+                       }});
+      slots.push_back({"CloseTCPSocket" + k, channelKinds, 0x0A092002, [=](HANDLE h) {
+                         int result = -77;
+                         return CloseTCPSocket(h, kind, result);
+                       }});
     }
+    slots.push_back({"RegisterReadCallback", Kind::kChannel, 0x0A091F02, [](HANDLE h) {
+                       return RegisterReadCallback(h, nullptr, nullptr, 0, 1000, false, false);
+                     }});
+    // Null for every pointer but a channel whose listener runs.
+    slots.push_back({"GetListenerThreadID", Kind::kNothing, 0,
+                     [](HANDLE h) { return UInt32(GetListenerThreadID(h) != nullptr); }});
     slots.push_back(
         {"BindUDPSocket", Kind::kUdp, 0x0A091802, [](HANDLE h) { return BindUDPSocket(h); }});
     slots.push_back(
@@ -154,7 +206,8 @@ protected:
     return slots;
   }
 
-  HANDLE mBuffer = nullptr, mAddress = nullptr, mUdp = nullptr;
+  HANDLE mBuffer = nullptr, mAddress = nullptr, mUdp = nullptr, mServer = nullptr,
+         mChannel = nullptr;
 };
 
 // A block of the given size whose every 4-byte word holds one of the class identifiers, so a
@@ -177,6 +230,8 @@ TEST_F(HandleChecks, EveryFunctionRefusesEveryPointerThatIsNotALiveHandleOfItsKi
   delete VerifySockAddressHandle(goneAddress);
   HANDLE goneUdp = OpenUDPSocket(0);
   delete static_cast<KivUDPSocket *>(VerifySocketHandle(goneUdp, 0));
+  HANDLE goneServer = new KivTCPServerSocket(0);
+  delete static_cast<KivTCPServerSocket *>(VerifySocketHandle(goneServer, 2));
   // Objects of the library's classes that the library never handed out, a block full of class
   // identifiers, a pointer into a live handle, and a local variable.
   KivNetBuffer ownContainer;
@@ -189,6 +244,9 @@ TEST_F(HandleChecks, EveryFunctionRefusesEveryPointerThatIsNotALiveHandleOfItsKi
       {"container", mBuffer, Kind::kBuffer},
       {"address", mAddress, Kind::kAddress},
       {"UDP socket", mUdp, Kind::kUdp},
+      {"HBN3 channel", mChannel, Kind::kChannel},
+      {"TCP server socket", mServer, Kind::kServer},
+      {"destroyed TCP server socket", goneServer, Kind::kNothing},
       {"destroyed container", goneBuffer, Kind::kNothing},
       {"destroyed address", goneAddress, Kind::kNothing},
       {"destroyed UDP socket", goneUdp, Kind::kNothing},
@@ -209,7 +267,7 @@ TEST_F(HandleChecks, EveryFunctionRefusesEveryPointerThatIsNotALiveHandleOfItsKi
       ++checked;
     }
   }
-  EXPECT_GT(checked, 300);
+  EXPECT_GT(checked, 700);
 }
 
 // A block released by the host and then reused for a UDP socket held "buff" where a container
