@@ -23,7 +23,7 @@ fail() {
 }
 
 [ "$(id -u)" -eq 0 ] || skip "making network namespaces needs root"
-for tool in ip unshare timeout dbus-daemon avahi-daemon avahi-publish; do
+for tool in ip unshare timeout dbus-daemon dbus-send avahi-daemon avahi-publish; do
   command -v "$tool" >/dev/null 2>&1 || skip "no '$tool' command (scripts/install-deps.sh installs it)"
 done
 
@@ -159,12 +159,18 @@ mount -t tmpfs kivrun /run || exit 10
 mkdir -p /run/dbus
 dbus-daemon --system --nofork --nopidfile &
 dbus=$!
-for _ in $(seq 50); do [ -S /run/dbus/system_bus_socket ] && break; sleep 0.1; done
+for _ in $(seq 150); do [ -S /run/dbus/system_bus_socket ] && break; sleep 0.1; done
 [ -S /run/dbus/system_bus_socket ] || { echo "no D-Bus system bus"; kill $dbus; wait; exit 11; }
 avahi-daemon --no-drop-root --no-chroot --no-rlimits -f "$conf" &
 avahi=$!
-for _ in $(seq 50); do avahi-daemon --check 2>/dev/null && break; sleep 0.1; done
-avahi-daemon --check 2>/dev/null || { echo "no avahi-daemon"; kill $avahi $dbus; wait; exit 12; }
+# Up once it owns its name on the bus (before that, clients are told "Daemon not running"); a
+# loaded machine may take a few seconds.
+on_bus() {
+  dbus-send --system --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
+    org.freedesktop.DBus.NameHasOwner string:org.freedesktop.Avahi 2>/dev/null | grep -q true
+}
+for _ in $(seq 150); do on_bus && break; sleep 0.1; done
+on_bus || { echo "no avahi-daemon on the bus"; kill $avahi $dbus; wait; exit 12; }
 export KIV_DAEMON_PIDS="$avahi $dbus"
 "$@" &
 command=$!
