@@ -105,4 +105,45 @@ void BM_ParseHCPDiscoveryAnswer_RealHost(benchmark::State &state) {
 BENCHMARK(BM_ParseHCPDiscoveryAnswer_FakeHost);
 BENCHMARK(BM_ParseHCPDiscoveryAnswer_RealHost);
 
+// What a handle check costs: GetHeaderType on a live container (the check and a field read) and
+// on a pointer that is no handle, with a thousand other handles alive, against the reference of
+// reading the class identifier straight through the pointer (what a check that trusted any
+// pointer would cost).
+struct ManyHandles {
+  ManyHandles() {
+    for (int i = 0; i < 1000; ++i) {
+      containers.emplace_back(new Container());
+    }
+  }
+  std::vector<std::unique_ptr<Container>> containers;
+};
+
+void BM_HandleCheck_LiveContainer(benchmark::State &state) {
+  ManyHandles others;
+  Container message;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(GetHeaderType(message.handle));
+  }
+}
+BENCHMARK(BM_HandleCheck_LiveContainer);
+
+void BM_HandleCheck_NoHandle(benchmark::State &state) {
+  ManyHandles others;
+  int local = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(GetHeaderType(&local));
+  }
+}
+BENCHMARK(BM_HandleCheck_NoHandle);
+
+void BM_HandleCheck_ReferenceFieldRead(benchmark::State &state) {
+  Container message;
+  KivNetBuffer *volatile pointer = &message.buffer();
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(
+        pointer->getClassID() == kKivNetBufferClassID ? pointer->GetHeaderType() : 0x0A091101u);
+  }
+}
+BENCHMARK(BM_HandleCheck_ReferenceFieldRead);
+
 } // namespace

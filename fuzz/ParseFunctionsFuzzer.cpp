@@ -2,6 +2,7 @@
 // both header types, must give a record or a parse failure's code, without touching memory
 // outside the message. A failed parse leaves the caller's record as it was, and parsing leaves
 // the container as it was.
+#include <memory>
 #include <vector>
 
 #include "FuzzSupport.h"
@@ -46,8 +47,16 @@ void ParseHCP(UInt32 type, HANDLE h, UInt32 answerKind) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  return kivfuzz::WithMessage(data, size, [&](KivNetBuffer &container) {
-    HANDLE h = &container;
+  return kivfuzz::WithMessage(data, size, [&](KivNetBuffer &input) {
+    // The parse functions take only containers the library made: a new one per input, holding
+    // the input's bytes, destroyed (storage first) when the input is done.
+    std::unique_ptr<KivNetBuffer> made(static_cast<KivNetBuffer *>(CreateBuffer()));
+    KivNetBuffer &container = *made;
+    KivNetBufferStorageGuard guard(container);
+    if (size > 0) {
+      container.SetBuffer(input.GetBufferRef(), input.GetBufferLength());
+    }
+    HANDLE h = made.get();
     for (UInt32 type : {0x48424E33u, 0x48435031u}) {
       ParseResponse(ParsePingResponse, type, h);
       ParseResponse(ParseRequestScanResponse, type, h);

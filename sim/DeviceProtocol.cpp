@@ -32,6 +32,7 @@ const std::uint8_t kDiscoveryQuery[41] = {
     0x64, 0x70, 0x05, 0x6C, 0x6F, 0x63, 0x61, 0x6C, 0x00, 0x00, 0x21, 0x00, 0x01};
 const std::size_t kHbn3HeaderSize = 24;
 const std::size_t kMaxTxtString = 255;
+const std::size_t kMaxAnnouncedAddress = 200;
 const std::uint32_t kReplyBit = 0x80000000u;
 
 bool Fits(std::size_t offset, std::size_t size, std::size_t length) {
@@ -205,8 +206,14 @@ Bytes DiscoveryAnswer(const DeviceRecord &record, std::uint16_t id, bool wrongMa
   // byte is below "."; PASSWORDSET is read by its first letter and so may be followed by
   // anything. The attached flags come last: the host looks for a "1" in the five bytes after the
   // port token, which here are the next flag item's length byte and "CPD", or the end.
-  PutItem(out, "IPADDRESS=" + record.ipAddress);
-  PutItem(out, "IPNETMASK=" + record.netmask);
+  if (record.announceIpAddress) {
+    const std::string &address =
+        record.announcedIpAddress.empty() ? record.ipAddress : record.announcedIpAddress;
+    PutItem(out, "IPADDRESS=" + address.substr(0, kMaxAnnouncedAddress));
+  }
+  if (record.announceNetmask) {
+    PutItem(out, "IPNETMASK=" + record.netmask);
+  }
   PutItem(out, "IPGATEWAY=" + record.gateway);
   PutItem(out, std::string("PASSWORDSET=") + (record.passwordSet ? "true" : "false"));
   PutItem(out, QuotedItem("IPNAME=", record.ipName));

@@ -36,6 +36,12 @@ struct DeviceRecord {
   std::vector<std::uint8_t> status; // status block of the status-cache answer
   std::uint16_t printerId = 0x0101; // written over status bytes 26-27 when the block has them
   std::uint32_t hostListStatus = 0; // the 4-byte status of the host-list answer
+  // The address items of the discovery answer: by default IPADDRESS with ipAddress and IPNETMASK
+  // with netmask. A device may leave either out, or announce another IPADDRESS text (up to 200
+  // bytes, such as one of 20 characters, longer than any dotted address) than the one it serves.
+  bool announceIpAddress = true;
+  bool announceNetmask = true;
+  std::string announcedIpAddress; // when not empty, the IPADDRESS value instead of ipAddress
 };
 
 // A record for device `number` (1 to 65535) at `address`: a locally administered MAC address

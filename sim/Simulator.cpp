@@ -1,4 +1,5 @@
-// The simulator's serving thread: one poll loop over every device socket and the group listener.
+// The simulator's serving thread: one poll loop over every device socket and the group listener;
+// the channel end points serve themselves.
 #include "sim/Simulator.h"
 
 #include <arpa/inet.h>
@@ -18,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "sim/ChannelServer.h"
 #include "sim/DatagramSocket.h"
 #include "sim/DeviceProtocol.h"
 
@@ -87,6 +89,7 @@ public:
     }
     devices_.push_back(std::make_unique<DeviceState>());
     devices_.back()->record = record;
+    channels_.AddDevice();
     return static_cast<int>(devices_.size() - 1);
   }
 
@@ -135,6 +138,8 @@ public:
     std::lock_guard<std::mutex> lock(mutex_);
     return At(index).counters;
   }
+  ChannelServer &Channels() { return channels_; }
+  const ChannelServer &Channels() const { return channels_; }
 
 private:
   // Shared fields are guarded by mutex_; `sockets` belongs to the serving thread while it runs
@@ -199,6 +204,7 @@ private:
   std::unique_ptr<WakePipe> wake_;
   std::thread thread_;
   std::atomic<bool> stopping_{false};
+  ChannelServer channels_;
 
   // The serving thread's own.
   std::vector<Pending> pending_;
@@ -229,11 +235,22 @@ void Simulator::Engine::Start() {
   }
   try {
     OpenSockets();
+    if (options_.channelEnabled) {
+      std::vector<std::string> addresses;
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const std::unique_ptr<DeviceState> &device : devices_) {
+          addresses.push_back(device->record.ipAddress);
+        }
+      }
+      channels_.Start(addresses, options_.channelPort, options_.answerAnyPeer);
+    }
     wake_ = std::make_unique<WakePipe>();
     stopping_ = false;
     sourcesChanged_ = true;
     thread_ = std::thread([this]() { Run(); });
   } catch (...) {
+    channels_.Stop();
     CloseSockets();
     wake_.reset();
     std::lock_guard<std::mutex> lock(mutex_);
@@ -251,6 +268,7 @@ void Simulator::Engine::Stop() {
   }
   stopping_ = true;
   wake_->Wake();
+  channels_.Stop();
   thread_.join();
   pending_.clear();
   CloseSockets();
@@ -540,6 +558,7 @@ void Simulator::Stop() { engine_->Stop(); }
 bool Simulator::Running() const { return engine_->Running(); }
 std::uint16_t Simulator::HcpPort() const { return engine_->HcpPort(); }
 std::uint16_t Simulator::Hbn3Port() const { return engine_->Hbn3Port(); }
+std::uint16_t Simulator::ChannelPort() const { return engine_->Channels().Port(); }
 DeviceRecord Simulator::Device(int index) const { return engine_->Device(index); }
 void Simulator::SetDevice(int index, const DeviceRecord &record) {
   engine_->SetDevice(index, record);
@@ -548,5 +567,16 @@ void Simulator::SetFaults(int index, const Faults &faults) { engine_->SetFaults(
 Faults Simulator::GetFaults(int index) const { return engine_->GetFaults(index); }
 std::string Simulator::BoundAddress(int index) const { return engine_->BoundAddress(index); }
 DeviceCounters Simulator::Counters(int index) const { return engine_->Counters(index); }
+void Simulator::SetChannelScript(int index, const ChannelScript &script) {
+  engine_->Channels().SetScript(index, script);
+}
+ChannelScript Simulator::GetChannelScript(int index) const {
+  return engine_->Channels().Script(index);
+}
+ChannelLog Simulator::ChannelRecord(int index) const { return engine_->Channels().Record(index); }
+bool Simulator::WaitForChannel(int index, const std::function<bool(const ChannelLog &)> &done,
+                               int timeoutMs) const {
+  return engine_->Channels().WaitFor(index, done, timeoutMs);
+}
 
 } // namespace kivsim

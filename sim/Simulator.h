@@ -1,11 +1,14 @@
-// A scriptable set of simulated network devices that answer HCP and HBN3 requests over UDP.
+// A scriptable set of simulated network devices that answer HCP and HBN3 requests over UDP and
+// serve HBN3 TCP channels.
 #ifndef KIV_SIM_SIMULATOR_H
 #define KIV_SIM_SIMULATOR_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
+#include "sim/ChannelScript.h"
 #include "sim/DeviceRecord.h"
 #include "sim/Faults.h"
 
@@ -22,6 +25,11 @@ struct SimulatorOptions {
   // Devices answer only peers in 127.0.0.0/8 and may only have addresses there, unless this is
   // set. Set it only inside a network namespace the caller made itself.
   bool answerAnyPeer = false;
+  // HBN3 TCP channel end points, one per device on its address, all on this port (0: a free
+  // port). Made only when channelEnabled is set, so that runs with many devices use few
+  // descriptors.
+  std::uint16_t channelPort = 0;
+  bool channelEnabled = false;
 };
 
 // Requests each device has received and answers it has sent since it was added.
@@ -46,6 +54,11 @@ struct DeviceCounters {
 // (loopback, or any with answerAnyPeer) and can be bound; otherwise they stay on the old address,
 // which BoundAddress() keeps reporting. The group listener serves the device either way.
 //
+// With channelEnabled each device also listens for HBN3 TCP channels on its address (the one it
+// had at Start; a configuration does not move the listener). Every connection reads the host's
+// nine-byte open request, answers as the device's ChannelScript says, plays the script's steps
+// from the start and records what the host sends; several connections to one device run at once.
+//
 // All members may be called from any thread; Start and Stop from one thread at a time.
 class Simulator {
 public:
@@ -65,9 +78,9 @@ public:
   // std::logic_error when already running.
   void Start();
 
-  // Stops serving within one bounded wait (about 100 ms), drops answers not yet sent and closes
-  // every socket. Does nothing when not running. The devices keep their records; Start serves
-  // them again.
+  // Stops serving within one bounded wait (about 100 ms), drops answers not yet sent, ends every
+  // channel connection (whatever its script is doing) and closes every socket. Does nothing when
+  // not running. The devices keep their records, scripts and logs; Start serves them again.
   void Stop();
 
   bool Running() const;
@@ -75,6 +88,8 @@ public:
   // The ports served, with free ports resolved; valid after Start.
   std::uint16_t HcpPort() const;
   std::uint16_t Hbn3Port() const;
+  // The channel port; 0 unless channelEnabled.
+  std::uint16_t ChannelPort() const;
 
   // A copy of device `index`'s current record (with the addresses a configuration set).
   // Throws std::out_of_range for an unknown index.
@@ -91,6 +106,21 @@ public:
   std::string BoundAddress(int index) const;
 
   DeviceCounters Counters(int index) const;
+
+  // Device `index`'s channel script for the connections accepted from now on (default: accept,
+  // then silence). Throws std::out_of_range for an unknown index.
+  void SetChannelScript(int index, const ChannelScript &script);
+  ChannelScript GetChannelScript(int index) const;
+
+  // A copy of device `index`'s channel log: connections accepted, and per connection the open
+  // request, the bytes written after it and who closed it. Throws std::out_of_range.
+  ChannelLog ChannelRecord(int index) const;
+
+  // Waits up to `timeoutMs` until `done` holds for device `index`'s channel log (a connection
+  // accepted, bytes arrived, a close seen); the last result of `done`. `done` runs under the
+  // simulator's channel lock and must not call the simulator. Throws std::out_of_range.
+  bool WaitForChannel(int index, const std::function<bool(const ChannelLog &)> &done,
+                      int timeoutMs) const;
 
 private:
   class Engine;

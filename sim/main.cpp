@@ -21,7 +21,8 @@ void OnSignal(int) { gInterrupted = 1; }
 const char kUsage[] =
     "usage: kivsim [options]\n"
     "Serves simulated devices that answer HCP discovery and configuration and HBN3 requests\n"
-    "over UDP, each on its own loopback address, and stops by itself after --seconds.\n"
+    "over UDP, and on request HBN3 TCP channels, each on its own loopback address, and stops\n"
+    "by itself after --seconds.\n"
     "\n"
     "  --devices N           number of devices, 1 to 1000 (default 1)\n"
     "  --base-address A      address of the first device; the others follow (default 127.0.0.10)\n"
@@ -32,6 +33,7 @@ const char kUsage[] =
     "  --password TEXT       password every device asks for in configuration messages\n"
     "  --host-list-status N  status in the host-list answers (default 0)\n"
     "  --seconds S           stop after S seconds, 1 to 86400 (default 60)\n"
+    "  --help                this text\n"
     "  --fault-device N      apply the faults below to device N only (1: the first; default all)\n"
     "  --silent              faults: answer nothing\n"
     "  --delay-ms MS         faults: answer MS milliseconds late (up to 60000)\n"
@@ -39,7 +41,26 @@ const char kUsage[] =
     "  --garbage             faults: answer with bytes that form no message\n"
     "  --wrong-mac           faults: discovery answers name another MAC address\n"
     "  --copies N            faults: send every answer N times (up to 100)\n"
-    "  --help                this text\n"
+    "  --no-ip-address       faults: discovery answers carry no IPADDRESS item\n"
+    "  --no-netmask          faults: discovery answers carry no IPNETMASK item\n"
+    "  --announce-address T  faults: discovery answers announce the address text T (up to 200\n"
+    "                        bytes) instead of the device's own\n"
+    "\n"
+    "HBN3 TCP channels (each connection: the open request, the answer, then the frames):\n"
+    "  --channel-port P      serve channels on port P of every device (0: a free port)\n"
+    "  --channel-handshake H answer to a valid open request: accept (default), nonzero-length,\n"
+    "                        wrong-tag, silent, close-after-four; an unknown request is closed\n"
+    "  --channel-dummy N     byte 4 of the accepting answer, 0 to 255 (default 0)\n"
+    "  --channel-frames N    frames sent after the answer, 0 to 10000 (default 0)\n"
+    "  --channel-frame-size B  payload bytes per frame, 1 to 16777216 (default 64); byte i of\n"
+    "                        frame k is (k * 31 + i) & 0xFF\n"
+    "  --channel-tickles N   tickle packets before each frame, 0 to 1000 (default 0)\n"
+    "  --channel-interval-ms MS  pause between frames, 0 to 600000 (default 0)\n"
+    "  --channel-split       send every byte on its own, a few milliseconds apart\n"
+    "  --channel-fault F     after the frames: bad-tag, negative-length, huge-length,\n"
+    "                        close-mid-frame or silence (default: silence)\n"
+    "The channel options apply to every device, or to --fault-device N only; the others accept\n"
+    "and stay silent. A connection stays open until the host closes it unless its script closes.\n"
     "Devices answer only peers in 127.0.0.0/8 and may only have addresses there.\n";
 
 // A whole number from `text` within [low, high]; exits with a message otherwise.
@@ -67,6 +88,17 @@ int main(int argc, char **argv) {
   std::string password;
   bool passwordGiven = false;
   kivsim::Faults faults;
+  bool noIpAddress = false;
+  bool noNetmask = false;
+  std::string announcedAddress;
+  kivsim::ChannelScript::Handshake handshake = kivsim::ChannelScript::kAccept;
+  kivsim::ChannelFault channelFault = kivsim::ChannelFault::kNone;
+  long channelDummy = 0;
+  long channelFrames = 0;
+  long channelFrameSize = 64;
+  long channelTickles = 0;
+  long channelIntervalMs = 0;
+  bool channelSplit = false;
 
   for (int i = 1; i < argc; ++i) {
     const std::string option = argv[i];
@@ -114,6 +146,43 @@ int main(int argc, char **argv) {
       faults.wrongMac = true;
     } else if (option == "--copies") {
       faults.copies = static_cast<int>(Number("--copies", value(), 1, 100));
+    } else if (option == "--no-ip-address") {
+      noIpAddress = true;
+    } else if (option == "--no-netmask") {
+      noNetmask = true;
+    } else if (option == "--announce-address") {
+      announcedAddress = value();
+      if (announcedAddress.empty() || announcedAddress.size() > 200) {
+        std::fprintf(stderr, "kivsim: --announce-address wants 1 to 200 bytes\n");
+        return 2;
+      }
+    } else if (option == "--channel-port") {
+      options.channelPort = static_cast<std::uint16_t>(Number("--channel-port", value(), 0, 65535));
+      options.channelEnabled = true;
+    } else if (option == "--channel-handshake") {
+      const char *name = value();
+      if (!kivsim::ParseChannelHandshake(name, handshake)) {
+        std::fprintf(stderr, "kivsim: unknown --channel-handshake %s (see --help)\n", name);
+        return 2;
+      }
+    } else if (option == "--channel-dummy") {
+      channelDummy = Number("--channel-dummy", value(), 0, 255);
+    } else if (option == "--channel-frames") {
+      channelFrames = Number("--channel-frames", value(), 0, 10000);
+    } else if (option == "--channel-frame-size") {
+      channelFrameSize = Number("--channel-frame-size", value(), 1, 16777216);
+    } else if (option == "--channel-tickles") {
+      channelTickles = Number("--channel-tickles", value(), 0, 1000);
+    } else if (option == "--channel-interval-ms") {
+      channelIntervalMs = Number("--channel-interval-ms", value(), 0, 600000);
+    } else if (option == "--channel-split") {
+      channelSplit = true;
+    } else if (option == "--channel-fault") {
+      const char *name = value();
+      if (!kivsim::ParseChannelFault(name, channelFault)) {
+        std::fprintf(stderr, "kivsim: unknown --channel-fault %s (see --help)\n", name);
+        return 2;
+      }
     } else {
       std::fprintf(stderr, "kivsim: unknown option %s (see --help)\n", option.c_str());
       return 2;
@@ -123,6 +192,17 @@ int main(int argc, char **argv) {
     std::fprintf(stderr, "kivsim: --fault-device %ld but only %ld devices\n", faultDevice, devices);
     return 2;
   }
+  // Every device given the script holds its frames whole (its connections share them).
+  if (channelFrames * channelFrameSize * (faultDevice == 0 ? devices : 1) > 256L * 1024 * 1024) {
+    std::fprintf(stderr, "kivsim: the channel frames of all devices exceed 256 MiB\n");
+    return 2;
+  }
+  kivsim::ChannelScript script = kivsim::PatternScript(
+      static_cast<int>(channelFrames), static_cast<int>(channelFrameSize),
+      static_cast<int>(channelTickles), channelSplit, static_cast<int>(channelIntervalMs));
+  kivsim::AppendChannelFault(script, channelFault, channelSplit);
+  script.handshake = handshake;
+  script.answerDummyByte = static_cast<unsigned char>(channelDummy);
 
   // Each device holds a socket per port: a thousand devices need more descriptors than the
   // usual soft limit.
@@ -153,14 +233,23 @@ int main(int argc, char **argv) {
         record.passwordSet = true;
       }
       record.hostListStatus = static_cast<std::uint32_t>(hostListStatus);
+      const bool faulty = faultDevice == 0 || faultDevice == n;
+      if (faulty) {
+        record.announceIpAddress = !noIpAddress;
+        record.announceNetmask = !noNetmask;
+        record.announcedIpAddress = announcedAddress;
+      }
       const int index = simulator.AddDevice(record);
-      if (faultDevice == 0 || faultDevice == n) {
+      if (faulty) {
         simulator.SetFaults(index, faults);
+        simulator.SetChannelScript(index, script);
       }
     }
     simulator.Start();
-    std::printf("kivsim: %ld device(s), HCP port %u, HBN3 port %u, group listener %s\n", devices,
-                simulator.HcpPort(), simulator.Hbn3Port(),
+    const std::string channel =
+        options.channelEnabled ? ", channel port " + std::to_string(simulator.ChannelPort()) : "";
+    std::printf("kivsim: %ld device(s), HCP port %u, HBN3 port %u%s, group listener %s\n", devices,
+                simulator.HcpPort(), simulator.Hbn3Port(), channel.c_str(),
                 options.groupAddress.empty() ? "none" : options.groupAddress.c_str());
     for (int i = 0; i < simulator.DeviceCount(); ++i) {
       const kivsim::DeviceRecord record = simulator.Device(i);
@@ -188,6 +277,15 @@ int main(int argc, char **argv) {
       if (counters.configuration > 0) {
         std::printf("device %d: now %s mask %s gateway %s\n", i + 1, record.ipAddress.c_str(),
                     record.netmask.c_str(), record.gateway.c_str());
+      }
+      const kivsim::ChannelLog channels = simulator.ChannelRecord(i);
+      if (channels.accepted > 0) {
+        unsigned long long written = 0;
+        for (const kivsim::ChannelConnectionLog &connection : channels.connections) {
+          written += connection.writtenCount;
+        }
+        std::printf("device %d: %lu channel connection(s), %llu byte(s) written by the host\n",
+                    i + 1, channels.accepted, written);
       }
     }
     std::printf("kivsim: stopped; %lu request(s) seen, %lu answer(s) sent\n", requests, answers);

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "CommonFiles/KivHandleRegistry.h"
 #include "CommonFiles/KivWireBytes.h"
 #include "Exceptions/KivWrapperException.h"
 
@@ -26,6 +27,8 @@ unsigned char *Allocate(int length, UInt32 function) {
 
 KivNetBuffer::KivNetBuffer()
     : mBuffer(nullptr), mBufferLength(0), mHeader(0), mCommand(0), mClassID(kKivNetBufferClassID) {}
+
+KivNetBuffer::~KivNetBuffer() { kiv::ForgetHandle(this, kKivNetBufferClassID); }
 
 int KivNetBuffer::SetBuffer(const unsigned char *buffer, int length) {
   if (buffer == nullptr) {

@@ -28,6 +28,11 @@ public:
 
   // An empty container: no bytes, header type and command 0.
   KivNetBuffer();
+  // A copy shares the block (see Ownership above) and is not a handle, whatever the original is.
+  KivNetBuffer(const KivNetBuffer &) = default;
+  KivNetBuffer &operator=(const KivNetBuffer &) = default;
+  // Stops the container being a handle; does not release the storage (see Ownership above).
+  ~KivNetBuffer();
 
   // Replaces the content with a copy of `length` bytes of `buffer`; returns the new length.
   // Length 0 empties the container and keeps the header type and command.

@@ -8,6 +8,7 @@
 #include "Asm_Deasm/KivAssembler.h"
 #include "Asm_Deasm/KivDisassembler.h"
 #include "CommonFiles/KivAsm_DeasmFactory.h"
+#include "CommonFiles/KivHandleRegistry.h"
 #include "HelperFiles/KivNetHelperUtils.h"
 #include "Interfaces/KivCallFrame.h"
 
@@ -17,14 +18,29 @@ int mDebugLevel = 0;
 
 // ---- Handles and message containers -----------------------------------------------------------
 
-HANDLE CreateBuffer() { return new KivNetBuffer(); }
+namespace {
+
+// Hands a new object to the host as a handle with class identifier `classID`: from now on the
+// handle checks accept it. If the record cannot be made the object is released and the
+// std::bad_alloc leaves as from the allocation itself.
+template <class Object> HANDLE HandOver(Object *object, UInt32 classID) {
+  std::unique_ptr<Object> owned(object);
+  kiv::RegisterHandle(static_cast<HANDLE>(object), classID);
+  return owned.release();
+}
+
+// The object behind `objHandle` when the library made it as a handle with class identifier
+// `classID` and it still lives; otherwise null. Nothing behind the pointer is read to decide.
+template <class Object> Object *LiveHandle(HANDLE objHandle, UInt32 classID) {
+  return kiv::IsHandleOfKind(objHandle, classID) ? static_cast<Object *>(objHandle) : nullptr;
+}
+
+} // namespace
+
+HANDLE CreateBuffer() { return HandOver(new KivNetBuffer(), kKivNetBufferClassID); }
 
 KivNetBuffer *VerifyBufferHandle(HANDLE objHandle) {
-  KivNetBuffer *buffer = static_cast<KivNetBuffer *>(objHandle);
-  if (buffer == nullptr || buffer->getClassID() != kKivNetBufferClassID) {
-    return nullptr;
-  }
-  return buffer;
+  return LiveHandle<KivNetBuffer>(objHandle, kKivNetBufferClassID);
 }
 
 UInt32 GetHeaderType(HANDLE ptrMsg) {
@@ -250,10 +266,6 @@ HANDLE CreateKivNetRecord() { return new KivNetRecord(); }
 
 namespace {
 
-// The class identifier each socket kind (0, 1, 2) must carry.
-const UInt32 kSocketClassIDs[] = {kKivUDPSocketClassID, kKivTCPClientSocketClassID,
-                                  kKivTCPServerSocketClassID};
-
 // The UDP socket behind a handle of kind 0, or null.
 KivUDPSocket *VerifyUDPSocketHandle(HANDLE objHandle) {
   return static_cast<KivUDPSocket *>(VerifySocketHandle(objHandle, kSocketKindUDP));
@@ -265,7 +277,8 @@ constexpr int kReceiveAreaSize = 1024;
 } // namespace
 
 HANDLE OpenUDPSocket(int iPort) {
-  return HandleOrNull<KivSocketException>([&]() { return new KivUDPSocket(iPort); });
+  return HandleOrNull<KivSocketException>(
+      [&]() { return HandOver(new KivUDPSocket(iPort), kKivUDPSocketClassID); });
 }
 
 UInt32 BindUDPSocket(HANDLE objHandle) {
@@ -386,7 +399,7 @@ int RevitalizeSocket(HANDLE objHandle, int iType) {
 }
 
 HANDLE CreateSocketAddress(std::string &strAddress, int iPort) {
-  return new KivSocketAddress(strAddress, iPort);
+  return HandOver(new KivSocketAddress(strAddress, iPort), kKivSocketAddressClassID);
 }
 
 UInt32 GetAddressPort(HANDLE objHandle, std::string *strAddress, int *iPort) {
@@ -406,21 +419,32 @@ UInt32 GetAddressPort(HANDLE objHandle, std::string *strAddress, int *iPort) {
 }
 
 KivSocketAddress *VerifySockAddressHandle(HANDLE objHandle) {
-  KivSocketAddress *address = static_cast<KivSocketAddress *>(objHandle);
-  if (address == nullptr || address->getClassID() != kKivSocketAddressClassID) {
-    return nullptr;
-  }
-  return address;
+  return LiveHandle<KivSocketAddress>(objHandle, kKivSocketAddressClassID);
 }
 
 KivSocket *VerifySocketHandle(HANDLE objHandle, int iType) {
-  // The kind and the null test come first: the class identifier is read only from a handle that
-  // may be a socket.
-  if (iType < kSocketKindUDP || iType > kSocketKindTCPServer || objHandle == nullptr) {
+  // Each kind is converted from the handle to its own class first and only then to the base, so
+  // the result is right wherever the base lies within the object.
+  switch (iType) {
+  case kSocketKindUDP:
+    return LiveHandle<KivUDPSocket>(objHandle, kKivUDPSocketClassID);
+  case kSocketKindTCPChannel:
+    return LiveHandle<KivSocket>(objHandle, kKivTCPClientSocketClassID);
+  case kSocketKindTCPServer:
+    return LiveHandle<KivSocket>(objHandle, kKivTCPServerSocketClassID);
+  default:
     return nullptr;
   }
-  KivSocket *socket = static_cast<KivSocket *>(objHandle);
-  return socket->getClassID() == kSocketClassIDs[iType] ? socket : nullptr;
+}
+
+int GetSocketID(HANDLE objHandle, int iType) {
+  KivSocket *socket = VerifySocketHandle(objHandle, iType);
+  if (socket == nullptr) {
+    return static_cast<int>(InterfaceCode(kFnGetSocketID, kKindBadSocket));
+  }
+  // The checked descriptor: a closed socket is the socket layer's UNKNOWN_ERROR, 0x0A0000B4.
+  return static_cast<int>(Guarded<KivSocketException>(
+      kFnGetSocketID, [&]() -> UInt32 { return static_cast<UInt32>(socket->GetSocket()); }));
 }
 
 // ---- Host information -------------------------------------------------------------------------

@@ -28,12 +28,17 @@ extern "C" KIV_EXPORT int mDebugLevel;
 
 // ---- Handles and message containers -----------------------------------------------------------
 
-// A new, empty message container (buffer handle). Owned by the host. Throws std::bad_alloc when
-// memory is exhausted.
+// Handles are checked against the library's record of the objects it made: a null pointer, a
+// pointer the library never handed out, a handle of another kind and the handle of an object the
+// host has destroyed are all invalid, and nothing behind such a pointer is read.
+
+// A new, empty message container (buffer handle). Owned by the host, who may destroy it through
+// the class (after ResetBuffer, to release its storage); the handle is invalid from then on.
+// Throws std::bad_alloc when memory is exhausted.
 KIV_EXTERN_C HANDLE CreateBuffer();
 
-// The container behind `objHandle` when it is not null and carries the class identifier "buff";
-// otherwise null. Pass only handles made by the library, or null.
+// The container behind `objHandle` when it is a buffer handle the library made ("buff") and its
+// object still lives; otherwise null. Any pointer may be given.
 KIV_EXTERN_C KivNetBuffer *VerifyBufferHandle(HANDLE objHandle);
 
 // The header type of the container's message (bytes 0-3, big-endian: 0x48424E33 for "HBN3",
@@ -258,14 +263,22 @@ KIV_EXTERN_C HANDLE CreateSocketAddress(std::string &strAddress, int iPort);
 // pointer is skipped. Codes: 0; 0x0A091903 invalid address handle; 0x0A091900 other failure.
 KIV_EXTERN_C UInt32 GetAddressPort(HANDLE objHandle, std::string *strAddress, int *iPort);
 
-// The address behind `objHandle` when it is not null and carries the class identifier "sock";
-// otherwise null. Pass only handles made by the library, or null.
+// The address behind `objHandle` when it is an address handle the library made ("sock") and its
+// object still lives; otherwise null. Any pointer may be given: nothing behind a pointer that is
+// not such a handle is read.
 KIV_EXTERN_C KivSocketAddress *VerifySockAddressHandle(HANDLE objHandle);
 
-// The socket behind `objHandle` when `iType` is 0, 1 or 2, the handle is not null and its class
-// identifier is the one of that kind ("udps", "tcpC", "tcpS"); otherwise null. Pass only handles
-// made by the library, or null.
+// The socket behind `objHandle` when `iType` is 0, 1 or 2 and the handle is a socket of that kind
+// ("udps", "tcpC", "tcpS") that the library made (or, for kind 2, that a host made through the
+// class) and whose object still lives; otherwise null. Any pointer may be given.
 KIV_EXTERN_C KivSocket *VerifySocketHandle(HANDLE objHandle, int iType);
+
+// The descriptor of a socket of kind `iType`: for kinds 0 and 2 the open descriptor, and
+// 0x0A0000B4 when the socket is closed; for kind 1 (HBN3 channel) the descriptor as it is, -1
+// after close. 0x0A092102 for a handle invalid for the kind; 0x0A092100 other failure. A result
+// is a descriptor or a code, told apart by the top byte 0x0A, which no descriptor reaches. The
+// descriptor stays the library's: wait on it (poll, select), never read, write or close it.
+KIV_EXTERN_C int GetSocketID(HANDLE objHandle, int iType);
 
 // ---- Host information -------------------------------------------------------------------------
 //

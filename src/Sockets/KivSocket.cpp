@@ -8,9 +8,13 @@
 
 #include <cstdio>
 
+#include "CommonFiles/KivHandleRegistry.h"
+
 KivSocket::KivSocket(SocketType type) : mType(type), mSocket(-1), mClassID(0) { GenerateSocket(); }
 
 KivSocket::~KivSocket() {
+  // Every concrete socket forgets its own address too; this covers the base's.
+  kiv::ForgetHandle(this, mClassID);
   if (mSocket != -1) {
     ::close(mSocket);
   }

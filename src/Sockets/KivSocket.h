@@ -68,7 +68,7 @@ protected:
   // class sets mClassID; if its constructor throws afterwards, this base's destructor closes the
   // descriptor before the exception leaves.
   explicit KivSocket(SocketType type);
-  // Closes the descriptor if one is held.
+  // Stops the object being a handle and closes the descriptor if one is held.
   ~KivSocket();
 
   SocketType mType;

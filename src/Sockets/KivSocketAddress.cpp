@@ -6,6 +6,8 @@
 #include <cstring>
 #include <utility>
 
+#include "CommonFiles/KivHandleRegistry.h"
+
 static_assert(sizeof(sockaddr_in) == 16, "system calls are given the address length 16");
 
 namespace {
@@ -18,6 +20,8 @@ const char kBroadcastText[] = "BROADCAST";
 KivSocketAddress::KivSocketAddress(std::string ip, int port)
     : mClassID(kKivSocketAddressClassID), mIPAddress(std::move(ip)),
       mPort(static_cast<UInt16>(port)), mAddress() {}
+
+KivSocketAddress::~KivSocketAddress() { kiv::ForgetHandle(this, kKivSocketAddressClassID); }
 
 void KivSocketAddress::SetAddress(std::string ip, int port) {
   mIPAddress = std::move(ip);

@@ -20,6 +20,11 @@ class KIV_EXPORT KivSocketAddress {
 public:
   // `port` is kept as its low 16 bits (70000 becomes 4464). The platform form starts zeroed.
   KivSocketAddress(std::string ip, int port);
+  // A copy is not a handle, whatever the original is.
+  KivSocketAddress(const KivSocketAddress &) = default;
+  KivSocketAddress &operator=(const KivSocketAddress &) = default;
+  // Stops the address being a handle.
+  ~KivSocketAddress();
 
   std::string GetIPAddress() const { return mIPAddress; }
   int GetPort() const { return mPort; }

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include "CommonFiles/KivHandleRegistry.h"
 #include "Exceptions/KivSocketExceptions.h"
 
 KivUDPSocket::KivUDPSocket() : KivUDPSocket(0) {}
@@ -13,7 +14,7 @@ KivUDPSocket::KivUDPSocket(int port) : KivSocket(UDP), mHostAddress("", port) {
   mClassID = kKivUDPSocketClassID;
 }
 
-KivUDPSocket::~KivUDPSocket() = default;
+KivUDPSocket::~KivUDPSocket() { kiv::ForgetHandle(this, kKivUDPSocketClassID); }
 
 int KivUDPSocket::Bind() {
   if (::bind(mSocket, reinterpret_cast<const sockaddr *>(mHostAddress.GetBSDAddress()),

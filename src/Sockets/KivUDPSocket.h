@@ -17,7 +17,7 @@ public:
   KivUDPSocket();
   // Throws KivSocketException UNKNOWN_ERROR when no descriptor can be made; nothing stays open.
   explicit KivUDPSocket(int port);
-  // Closes the descriptor if one is held.
+  // Stops the object being a handle and closes the descriptor if one is held.
   ~KivUDPSocket();
 
   // The port to bind (as given, not the one the platform picked for port 0); SetPort takes effect

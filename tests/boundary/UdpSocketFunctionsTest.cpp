@@ -154,11 +154,8 @@ TEST_F(UdpSocketFunctions, OptionsReachTheDescriptor) {
   ASSERT_EQ(CloseUDPSocket(udp.get()), 0u);
   EXPECT_EQ(SetSocketOptions(udp.get(), 0, TIME_OUT, 1), 0x0A0000C2u);
 
-  // The TCP kinds leave the receive limit alone, -1 included.
-  StandInSocket client(kKivTCPClientSocketClassID), server(kKivTCPServerSocketClassID);
-  EXPECT_EQ(SetSocketOptions(&server, 2, TIME_OUT, 5) + SetSocketOptions(&client, 1, TIME_OUT, -1),
-            0u);
-  EXPECT_EQ(Option(server, SO_RCVTIMEO) + Option(client, SO_RCVTIMEO), 0);
+  // The TCP kinds (TIME_OUT accepted, receive limit untouched) are checked with real TCP
+  // handles in the channel tests: a stand-in made here is no handle of the library's.
   // The fixture finds the descriptor still open if the base leaks it.
   EXPECT_THROW(StandInSocket(0), std::runtime_error);
 }

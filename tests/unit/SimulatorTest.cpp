@@ -43,17 +43,21 @@ Bytes Items(int width, const std::string &list) {
   return Sized(width, items);
 }
 
-// The discovery answer of the fixture's device, announcing the universal MAC address `mac`.
-Bytes DiscoveryAnswer(const std::string &mac) {
-  return Join({Hex("1234 8400 0000 0001 0000 0000 10 6B69762D303234623439353630303031"
-                   "0C 5F686F73742D636F6E666967 04 5F756470 05 6C6F63616C 00 0010 0001 00000078"),
-               Items(2, "IPADDRESS=127.0.0.20|IPNETMASK=255.0.0.0|IPGATEWAY=127.0.0.1|"
-                        "PASSWORDSET=true|IPNAME=\"kivsim-1\"|MACLAA=\"000000000000\"|MACUAA=\"" +
-                            mac +
-                            "\"|ADAPTERTYPE=\"ethernet\"|IPADDRSOURCE=\"static\"|OEMBYTE=\"0\"|"
-                            "ADAPTERNAME=\"KivSim adapter 1\"|STRID=1 \"KivSim Printer 1\"|"
-                            "STRID=2 \"Scanner 'Y'\"|PRINTERVIDPID=1 \"FFFF:0001\"|"
-                            "PRINTERVIDPID=2 \"0002:0003\"|CPDATTACHED=1 1|CPDATTACHED=2 0|")});
+// The discovery answer of the fixture's device, announcing the universal MAC address `mac` and
+// the address and net mask items `addressItems`.
+Bytes DiscoveryAnswer(const std::string &mac, const std::string &addressItems =
+                                                  "IPADDRESS=127.0.0.20|IPNETMASK=255.0.0.0|") {
+  return Join(
+      {Hex("1234 8400 0000 0001 0000 0000 10 6B69762D303234623439353630303031"
+           "0C 5F686F73742D636F6E666967 04 5F756470 05 6C6F63616C 00 0010 0001 00000078"),
+       Items(2, addressItems +
+                    "IPGATEWAY=127.0.0.1|"
+                    "PASSWORDSET=true|IPNAME=\"kivsim-1\"|MACLAA=\"000000000000\"|MACUAA=\"" +
+                    mac +
+                    "\"|ADAPTERTYPE=\"ethernet\"|IPADDRSOURCE=\"static\"|OEMBYTE=\"0\"|"
+                    "ADAPTERNAME=\"KivSim adapter 1\"|STRID=1 \"KivSim Printer 1\"|"
+                    "STRID=2 \"Scanner 'Y'\"|PRINTERVIDPID=1 \"FFFF:0001\"|"
+                    "PRINTERVIDPID=2 \"0002:0003\"|CPDATTACHED=1 1|CPDATTACHED=2 0|")});
 }
 
 // The host's side, a UDP socket on 127.0.0.1, and device 1 at 127.0.0.20 with a password, a
@@ -134,7 +138,8 @@ TEST_F(SimulatorTest, AnswersAreByteExactAndAnAcceptedConfigurationMovesTheDevic
 }
 
 // The discovery answer with the MAC address's bits reversed in each byte, then each fault switch
-// once; then Stop drops an answer still waiting and returns within its bounded wait.
+// and address-item change once; then Stop drops an answer still waiting and returns within its
+// bounded wait.
 TEST_F(SimulatorTest, DiscoveryAnswerAndEachFaultSwitchAndStopDroppingTheLateOnes) {
   const struct {
     const char *name;
@@ -157,6 +162,28 @@ TEST_F(SimulatorTest, DiscoveryAnswerAndEachFaultSwitchAndStopDroppingTheLateOne
     }
     EXPECT_EQ(Receive(200), "") << row.name << ": nothing more";
   }
+
+  // The address items a device leaves out or announces with another text.
+  simulator.SetFaults(0, kivsim::Faults());
+  const kivsim::DeviceRecord plain = simulator.Device(0);
+  const struct {
+    bool address, netmask;
+    const char *text, *items;
+  } announced[] = {
+      {false, true, "", "IPNETMASK=255.0.0.0|"},
+      {true, false, "", "IPADDRESS=127.0.0.20|"},
+      {true, true, "127.000.000.020.1234", "IPADDRESS=127.000.000.020.1234|IPNETMASK=255.0.0.0|"},
+  };
+  for (const auto &row : announced) {
+    kivsim::DeviceRecord record = plain;
+    record.announceIpAddress = row.address;
+    record.announceNetmask = row.netmask;
+    record.announcedIpAddress = row.text;
+    simulator.SetDevice(0, record);
+    Send(simulator.HcpPort(), kQuery);
+    EXPECT_EQ(Receive(), ToHex(DiscoveryAnswer("40D2926A0080", row.items))) << row.items;
+  }
+  simulator.SetDevice(0, plain);
 
   simulator.SetFaults(0, {false, 0, -1, true, false, 1});
   Send(simulator.Hbn3Port(), kPing);
