@@ -29,9 +29,6 @@
 #include "Interfaces/KivNetworkComm.h"
 #include "tools/kivnet/ResultCodes.h"
 
-// Temporary, until the library's header declares it (see GetSocketIDStandIn.cpp).
-extern "C" int GetSocketID(HANDLE objHandle, int iType);
-
 namespace kivnet {
 
 namespace {
