@@ -9,6 +9,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -57,6 +58,11 @@ constexpr int kConfigAnswerMinimum = 27;
 // fails is reported readable and then dropped by the receive, which would otherwise wait for
 // the next one without end. The socket option counts whole seconds.
 constexpr int kReceiveGuardSeconds = 1;
+
+// Parsing starts when no datagram has arrived for this long: the answers to one query come in a
+// burst with gaps of microseconds, and a parse (which reads the host's interfaces) takes tens of
+// them, so parsing in the burst's gaps would let the socket's buffer fill.
+constexpr std::chrono::milliseconds kQuietBeforeParsing(2);
 
 // A flood cannot make discovery keep more than this many datagrams (at most 1024 bytes each).
 constexpr int kMaxDatagrams = 20000;
@@ -155,7 +161,11 @@ struct Datagram {
 // and not at the next whole second of a receive time-out.
 class Endpoint {
 public:
-  Endpoint() : mHandle(OpenUDPSocket(0)), mFrom("", 0) {}
+  Endpoint() : mFrom("", 0) {
+    errno = 0;
+    mHandle = OpenUDPSocket(0);
+    mOpenError = errno;
+  }
   ~Endpoint() {
     if (mHandle != nullptr) {
       CloseUDPSocket(mHandle);
@@ -167,7 +177,8 @@ public:
 
   Failure Prepare(bool broadcast) {
     if (mHandle == nullptr) {
-      return Fail(FailureKind::kCall, "no UDP socket could be made", "OpenUDPSocket", 0, errno);
+      return Fail(FailureKind::kCall, "no UDP socket could be made", "OpenUDPSocket", 0,
+                  mOpenError);
     }
     errno = 0;
     UInt32 code = BindUDPSocket(mHandle);
@@ -257,7 +268,8 @@ public:
   const Message &Area() const { return mArea; }
 
 private:
-  HANDLE mHandle;
+  HANDLE mHandle = nullptr;
+  int mOpenError = 0;
   int mDescriptor = -1;
   Message mArea;
   Address mFrom;
@@ -481,15 +493,18 @@ Failure Discover(const CommandLine &line, Discovery &result, DiscoveryListener *
   std::deque<Datagram> pending;
   Message parsed;
   bool receiving = true;
+  Clock::time_point lastArrival = start;
   for (;;) {
     // Answers that arrive after the wait are not taken; those already taken are all read.
     receiving = receiving && Clock::now() < deadline;
-    // Receiving comes first: while datagrams wait in the socket they are only copied out, so a
-    // burst of answers is taken in before the socket's buffer fills; parsing (which reads the
-    // host's interfaces for each answer) happens when nothing is waiting.
-    if (receiving && endpoint.Waiting(pending.empty() ? deadline : Clock::now(), failure)) {
+    // Receiving comes first: while datagrams arrive they are only copied out, so a burst of
+    // answers is taken in before the socket's buffer fills; parsing happens when the socket has
+    // been quiet for a moment, one answer at a time, looking at the socket again after each.
+    const Clock::time_point quiet = std::min(deadline, lastArrival + kQuietBeforeParsing);
+    if (receiving && endpoint.Waiting(pending.empty() ? deadline : quiet, failure)) {
       Datagram datagram;
       if (endpoint.Receive(datagram, failure)) {
+        lastArrival = Clock::now();
         pending.push_back(std::move(datagram));
         if (++result.datagrams >= kMaxDatagrams) {
           result.limitReached = true;
