@@ -120,22 +120,40 @@ TEST_F(KivnetExchange, EachCommandAgainstSimulatedDevices) {
             "127.0.0.31 1 127.0.0.31 7 1 024b49560002 0102 32");
 }
 
-// A device that answers 0.3 s late: the wait of 0.5 s ends when it should, not a whole second
-// later because a receive time-out restarted with the answer.
-TEST_F(KivnetExchange, DiscoveryWaitEndsOnTime) {
+// Two devices, the second answering 0.3 s late: each is handed on as it answers, not at the
+// end, and the wait of 0.5 s ends when it should, not a whole second later because a receive
+// time-out restarted with the answer.
+TEST_F(KivnetExchange, DevicesAreListedAsTheyAnswerAndTheWaitEndsOnTime) {
   if (!HostHasDefaultInterface()) {
     GTEST_SKIP() << "this host has no default IPv4 interface";
   }
+  kivsim::Simulator simulator({0, 0, "127.0.7.30", false});
+  simulator.AddDevice(kivsim::MakeDeviceRecord(1, "127.0.7.31"));
+  simulator.AddDevice(kivsim::MakeDeviceRecord(2, "127.0.7.32"));
   kivsim::Faults late;
   late.delayMs = 300;
-  StartOneDevice(late, false);
+  simulator.SetFaults(1, late);
+  simulator.Start();
+  mLine.target = "127.0.7.30";
+  mLine.port = simulator.HcpPort();
   mLine.waitTenths = 5;
+  struct Heard : kivnet::DiscoveryListener {
+    void Found(const kivnet::FoundDevice &device) override {
+      devices += device.from + " ";
+      seconds.push_back(
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    }
+    void Unread(const kivnet::UnreadAnswer &) override {}
+    std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+    std::string devices;
+    std::vector<double> seconds;
+  } heard;
   kivnet::Discovery found;
-  const auto start = std::chrono::steady_clock::now();
-  ASSERT_EQ(Said(kivnet::Discover(mLine, found, nullptr)), "");
+  ASSERT_EQ(Said(kivnet::Discover(mLine, found, &heard)), "");
   const double seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  EXPECT_EQ(found.devices.size(), 1u);
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - heard.start).count();
+  ASSERT_EQ(heard.devices, "127.0.7.31 127.0.7.32 ");
+  EXPECT_LT(heard.seconds[0], heard.seconds[1] - 0.1); // the first did not wait for the second
   EXPECT_GE(seconds, 0.5);
   EXPECT_LT(seconds, 1.2); // generous; a restarted whole-second time-out ends at 1.3 s
 }

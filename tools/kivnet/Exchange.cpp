@@ -63,6 +63,8 @@ constexpr int kReceiveGuardSeconds = 1;
 // burst with gaps of microseconds, and a parse (which reads the host's interfaces) takes tens of
 // them, so parsing in the burst's gaps would let the socket's buffer fill.
 constexpr std::chrono::milliseconds kQuietBeforeParsing(2);
+// ... but no answer waits longer than this to be read and shown.
+constexpr std::chrono::milliseconds kLongestHold(100);
 
 // A flood cannot make discovery keep more than this many datagrams (at most 1024 bytes each).
 constexpr int kMaxDatagrams = 20000;
@@ -152,6 +154,7 @@ private:
 struct Datagram {
   std::string from;
   int fromPort = 0;
+  std::chrono::steady_clock::time_point arrived;
   std::string bytes;
   bool possiblyCut() const { return bytes.size() == kReceiveLimit; }
 };
@@ -261,6 +264,7 @@ public:
     datagram.from.clear();
     GetAddressPort(mFrom.handle(), &datagram.from, &datagram.fromPort);
     datagram.bytes = mArea.Bytes(received);
+    datagram.arrived = Clock::now();
     return true;
   }
 
@@ -499,12 +503,14 @@ Failure Discover(const CommandLine &line, Discovery &result, DiscoveryListener *
     receiving = receiving && Clock::now() < deadline;
     // Receiving comes first: while datagrams arrive they are only copied out, so a burst of
     // answers is taken in before the socket's buffer fills; parsing happens when the socket has
-    // been quiet for a moment, one answer at a time, looking at the socket again after each.
+    // been quiet for a moment, one answer at a time, looking at the socket again after each. A
+    // steady trickle still has its oldest answer read once it has been held long enough.
+    const bool overdue = !pending.empty() && Clock::now() - pending.front().arrived >= kLongestHold;
     const Clock::time_point quiet = std::min(deadline, lastArrival + kQuietBeforeParsing);
-    if (receiving && endpoint.Waiting(pending.empty() ? deadline : quiet, failure)) {
+    if (receiving && !overdue && endpoint.Waiting(pending.empty() ? deadline : quiet, failure)) {
       Datagram datagram;
       if (endpoint.Receive(datagram, failure)) {
-        lastArrival = Clock::now();
+        lastArrival = datagram.arrived;
         pending.push_back(std::move(datagram));
         if (++result.datagrams >= kMaxDatagrams) {
           result.limitReached = true;
