@@ -2,6 +2,7 @@
 // the failure, and checks that the output was written.
 #include "tools/kivnet/Run.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <exception>
@@ -210,7 +211,8 @@ int RunKivnet(const std::vector<std::string> &args, std::FILE *out, std::FILE *e
       report.kind = "usage";
       report.meaning = "the command line is wrong";
       report.exitStatus = kExitUsage;
-      output.Out(ErrorJson(report, false));
+      const bool oneLine = std::find(args.begin(), args.end(), "--json-lines") != args.end();
+      output.Out(ErrorJson(report, oneLine));
     }
     return output.Finish("", kExitUsage);
   }
