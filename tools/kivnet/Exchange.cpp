@@ -154,7 +154,7 @@ private:
 struct Datagram {
   std::string from;
   int fromPort = 0;
-  std::chrono::steady_clock::time_point arrived;
+  Clock::time_point arrived;
   std::string bytes;
   bool possiblyCut() const { return bytes.size() == kReceiveLimit; }
 };
@@ -190,7 +190,8 @@ public:
     }
     code = SetSocketOptions(mHandle, kSocketKindUDP, TIME_OUT, kReceiveGuardSeconds);
     if (code != 0) {
-      return Fail(FailureKind::kCall, "cannot bound the receive", "SetSocketOptions", code, errno);
+      return Fail(FailureKind::kCall, "cannot set the receive time-out", "SetSocketOptions", code,
+                  errno);
     }
     if (broadcast) {
       code = SetSocketOptions(mHandle, kSocketKindUDP, BROADCAST_PERMITTED, 0);
@@ -420,8 +421,9 @@ Failure RequestAndAnswer(const CommandLine &line, const Message &request, const 
   std::string detail = "no " + std::string(what) + " from " + Where(line.target, line.port) +
                        " within " + WaitText(line.waitTenths) + " s";
   if (passedOver > 0) {
-    detail += " (" + Plural(static_cast<std::size_t>(passedOver), "datagram", "datagrams") +
-              " from elsewhere passed over)";
+    detail += " (" +
+              Plural(static_cast<std::size_t>(passedOver), "other datagram", "other datagrams") +
+              " passed over)";
   }
   return Fail(FailureKind::kNoAnswer, detail);
 }
