@@ -30,10 +30,15 @@ TEST(KivnetResultCodes, EveryFamilyAndTheOddValuesDecode) {
       {0x0A091305, "function 0x13 (unknown): failure kind 0x05 (unknown)"},
       {Thrown(KivWrapperException(kClassHBN3Disassembler, KivHBN3Disassembler::kFnParseHCPResponse,
                                   COPY_ERROR)),
-       "KivHBN3Disassembler::ParseHCPResponse: COPY_ERROR, a copy failed or the message could not "
-       "be parsed"},
+       "the HCP answer could not be read (COPY_ERROR)"},
+      {Thrown(KivWrapperException(kClassHBN3Disassembler,
+                                  KivHBN3Disassembler::kFnParseStatusCacheResponse, COPY_ERROR)),
+       "the status answer could not be read (COPY_ERROR)"},
+      {Thrown(KivWrapperException(kClassNetBuffer, 0xE00, BUFFER_NULL)),
+       "message container function 0x0E failed (BUFFER_NULL)"},
       {Thrown(KivSocketException(REUSE_PORT_ERROR)),
-       "socket layer: REUSE_PORT_ERROR, address or port reuse refused"},
+       "address or port reuse refused (REUSE_PORT_ERROR)"},
+      {Thrown(KivSocketException(SELECT_ERROR)), "a readiness wait failed (SELECT_ERROR)"},
   };
   for (const auto &c : cases) {
     EXPECT_EQ(kivnet::DescribeCode(c.code), c.text) << kivnet::CodeHex(c.code);

@@ -2,7 +2,9 @@
 #ifndef KIV_TOOLS_KIVNET_ANSWERS_H
 #define KIV_TOOLS_KIVNET_ANSWERS_H
 
+#include <cstddef>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Common/Constants/KivCommunicationConstants.h"
@@ -10,11 +12,16 @@
 
 namespace kivnet {
 
+// RecvFrom hands over at most this many bytes of a datagram and drops the rest, so an answer of
+// exactly this length may have been longer.
+constexpr std::size_t kReceiveLimit = 1024;
+
 // A device that answered the discovery query, with the address the answer came from.
 struct FoundDevice {
   std::string from;
   int fromPort = 0;
   KivNetRecord record;
+  bool possiblyCut = false; // the answer filled the receive limit
 };
 
 // A datagram that arrived during discovery but could not be read as a device's answer.
@@ -23,14 +30,16 @@ struct UnreadAnswer {
   int fromPort = 0;
   int length = 0;
   UInt32 code = 0; // what ParseHCPResponse returned
+  bool possiblyCut = false;
 };
 
 struct Discovery {
   std::vector<FoundDevice> devices; // in order of arrival, each device once
   std::vector<UnreadAnswer> unread;
-  int datagrams = 0;  // every datagram received, repeats included
-  int duplicates = 0; // answers of a device already listed
-  double seconds = 0; // time spent collecting
+  int datagrams = 0;         // every datagram received, repeats included
+  int duplicates = 0;        // answers of a device already listed
+  bool limitReached = false; // receiving stopped at the datagram limit before the wait ended
+  double seconds = 0;        // from sending the query to the end of the last parse
 };
 
 struct PingAnswer {
@@ -44,6 +53,7 @@ struct StatusAnswer {
   std::string from;
   int fromPort = 0;
   StatCacheResponse status;
+  bool possiblyCut = false; // the answer filled the receive limit
 };
 
 // The device's answer to a configuration message.
@@ -51,11 +61,13 @@ struct ConfigAnswer {
   std::string from;
   int fromPort = 0;
   KivNetRecord record; // iResponse: the device's result byte (0: accepted)
+  bool possiblyCut = false;
 };
 
 // The host's own settings as the library reports them.
 struct HostInfo {
   std::string hostname;
+  std::string interfaceName; // the interface that holds `address`; empty when none does
   std::string address;
   std::string netmask;
   std::string broadcast;

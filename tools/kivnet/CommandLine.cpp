@@ -4,6 +4,7 @@
 
 #include <cctype>
 #include <cstdlib>
+#include <set>
 
 namespace kivnet {
 
@@ -11,8 +12,10 @@ const char kBroadcast[] = "BROADCAST";
 
 namespace {
 
+// The help texts. tools/kivnet/kivnet.1 says the same in the manual's form; change both.
 const char kGeneralHelp[] =
     "usage: kivnet COMMAND [options]\n"
+    "       kivnet help [COMMAND]\n"
     "Finds and talks to network printers and scanners through libKivNetworkComm.\n"
     "\n"
     "commands:\n"
@@ -22,57 +25,111 @@ const char kGeneralHelp[] =
     "  set-ip      give a device (named by its MAC address) a new IPv4 configuration\n"
     "  host-info   show this host's network settings as the library sees them\n"
     "\n"
-    "'kivnet COMMAND --help' describes each command. Exit status: 0 success, 1 a failure\n"
-    "(the error line gives the library's result code and its meaning), 2 a wrong command line.\n";
+    "'kivnet help COMMAND' or 'kivnet COMMAND --help' describes a command. Options may come in\n"
+    "any order, each at most once, as '--option VALUE' or '--option=VALUE'; '--' ends them.\n"
+    "\n"
+    "Exit status:\n"
+    "  0  success (discover: at least one device answered)\n"
+    "  1  failure: no answer, an unreadable answer, a refused configuration, or a failed\n"
+    "     library or system call (the error line gives the library's result code and the\n"
+    "     system's reason)\n"
+    "  2  wrong command line, or a set-ip configuration refused by the checks\n"
+    "  3  discover: no device answered\n"
+    "With --json or --json-lines a failure is also printed on standard output as one JSON\n"
+    "object {\"error\": ..., \"kind\": ..., \"code\": ..., \"meaning\": ...}.\n";
 
 const char kDiscoverHelp[] =
-    "usage: kivnet discover [--to ADDRESS] [--port PORT] [--wait SECONDS] [--json]\n"
-    "Sends the HCP discovery query and lists every device that answers within the wait.\n"
+    "usage: kivnet discover [--to ADDRESS] [--port PORT] [--wait SECONDS]\n"
+    "                       [--json | --json-lines]\n"
+    "Sends the HCP discovery query and lists every device that answers within the wait, each\n"
+    "as soon as it has answered. A device that answers more than once is listed once. Answers\n"
+    "that cannot be read are reported on standard error.\n"
     "\n"
     "  --to ADDRESS    send to this IPv4 address instead of broadcasting to 255.255.255.255\n"
     "  --port PORT     the devices' HCP port (default 5353)\n"
-    "  --wait SECONDS  how long to collect answers, 1 to 60 (default 3)\n"
-    "  --json          print the devices as JSON instead of a table\n";
+    "  --wait SECONDS  how long to collect answers: 0.1 to 60, in tenths (default 3)\n"
+    "  --json          print one JSON document with every device when the wait ends\n"
+    "  --json-lines    print one JSON object a line: each device as it answers, each\n"
+    "                  unreadable answer, and a summary last\n"
+    "  -h, --help      print this help\n"
+    "\n"
+    "Exit status: 0 at least one device answered, 3 none did, 1 a failure, 2 a wrong command\n"
+    "line.\n";
 
-const char kPingHelp[] = "usage: kivnet ping ADDRESS [--port PORT] [--wait SECONDS] [--json]\n"
-                         "Sends an HBN3 ping to the device at ADDRESS and waits for its reply.\n"
-                         "\n"
-                         "  --port PORT     the device's HBN3 port (default 5353)\n"
-                         "  --wait SECONDS  how long to wait for the reply, 1 to 60 (default 3)\n"
-                         "  --json          print the reply as JSON\n";
-
-const char kStatusHelp[] =
-    "usage: kivnet status ADDRESS [--port PORT] [--port-info N] [--channel N] [--wait SECONDS]\n"
-    "                             [--json]\n"
-    "Asks the device at ADDRESS for its status cache and prints the answer.\n"
+const char kPingHelp[] =
+    "usage: kivnet ping ADDRESS [--port PORT] [--wait SECONDS] [--json]\n"
+    "Sends an HBN3 ping to the device at ADDRESS and waits for its reply. Only a reply from\n"
+    "ADDRESS counts; datagrams from elsewhere are passed over.\n"
     "\n"
     "  --port PORT     the device's HBN3 port (default 5353)\n"
-    "  --port-info N   port information of the request (default 0)\n"
-    "  --channel N     channel of the request (default 0)\n"
-    "  --wait SECONDS  how long to wait for the answer, 1 to 60 (default 3)\n"
-    "  --json          print the answer as JSON\n";
+    "  --wait SECONDS  how long to wait for the reply: 0.1 to 60, in tenths (default 3)\n"
+    "  --json          print the reply as JSON\n"
+    "  -h, --help      print this help\n"
+    "\n"
+    "Exit status: 0 the device replied, 1 no reply or an unreadable one, 2 a wrong command\n"
+    "line.\n";
+
+const char kStatusHelp[] =
+    "usage: kivnet status ADDRESS [--port PORT] [--port-info N] [--channel N]\n"
+    "                             [--wait SECONDS] [--json]\n"
+    "Asks the device at ADDRESS for its status cache and prints the answer. Only an answer from\n"
+    "ADDRESS counts; an answer that declares more status bytes than arrived is reported as cut\n"
+    "short.\n"
+    "\n"
+    "  --port PORT     the device's HBN3 port (default 5353)\n"
+    "  --port-info N   port information of the request, 0 to 4294967295 (default 0)\n"
+    "  --channel N     channel of the request, 0 to 4294967295 (default 0)\n"
+    "  --wait SECONDS  how long to wait for the answer: 0.1 to 60, in tenths (default 3)\n"
+    "  --json          print the answer as JSON\n"
+    "  -h, --help      print this help\n"
+    "\n"
+    "Exit status: 0 the device answered, 1 no answer or an unreadable or cut one, 2 a wrong\n"
+    "command line.\n";
 
 const char kSetIpHelp[] =
     "usage: kivnet set-ip --mac MAC --address A --netmask M --gateway G [--password P]\n"
-    "                     [--to ADDRESS] [--port PORT] [--wait SECONDS] [--json]\n"
+    "                     [--to ADDRESS] [--port PORT] [--wait SECONDS] [--force] [--json]\n"
     "Sends an HCP configuration message that gives the device with the MAC address MAC the\n"
-    "address A, net mask M and gateway G, and waits for the device's answer.\n"
+    "address A, net mask M and gateway G, and waits for the device's answer. Only an answer\n"
+    "that names MAC counts, and with --to only one from ADDRESS or from the new address A;\n"
+    "unreadable datagrams are passed over.\n"
     "\n"
-    "  --mac MAC       the device's MAC address: 00:1B:2C:3D:4E:5F, 001b2c3d4e5f, or the\n"
-    "                  ET001b2c3d4e5f form that discover prints\n"
-    "  --password P    the device's configuration password (default none)\n"
-    "  --to ADDRESS    send to this IPv4 address instead of broadcasting to 255.255.255.255\n"
+    "  --mac MAC       the device's MAC address: 00:1B:2C:3D:4E:5F, 00-1b-2c-3d-4e-5f,\n"
+    "                  001b.2c3d.4e5f, 001b2c3d4e5f, or the ET001b2c3d4e5f form that\n"
+    "                  discover prints\n"
+    "  --address A     the device's new IPv4 address\n"
+    "  --netmask M     the device's new net mask, such as 255.255.255.0\n"
+    "  --gateway G     the device's new default gateway, inside the new network; 0.0.0.0 for\n"
+    "                  none\n"
+    "  --password P    the device's configuration password, sent as given (default none)\n"
+    "  --to ADDRESS    send to this IPv4 address (the device's present one) instead of\n"
+    "                  broadcasting to 255.255.255.255\n"
     "  --port PORT     the device's HCP port (default 5353)\n"
-    "  --wait SECONDS  how long to wait for the answer, 1 to 60 (default 3)\n"
-    "  --json          print the outcome as JSON\n";
+    "  --wait SECONDS  how long to wait for the answer: 0.1 to 60, in tenths (default 3)\n"
+    "  --force         send the configuration even when the checks below refuse it\n"
+    "  --json          print the outcome as JSON\n"
+    "  -h, --help      print this help\n"
+    "\n"
+    "The configuration re-addresses a real device, so it is refused (exit status 2) unless\n"
+    "--force is given when the net mask is not contiguous or is 0.0.0.0, the address is\n"
+    "0.0.0.0 or the network's own or broadcast address, or the gateway lies outside the new\n"
+    "network.\n"
+    "\n"
+    "Exit status: 0 the device accepted, 1 no answer or a refusal by the device, 2 a wrong\n"
+    "command line or a configuration refused by the checks.\n";
 
 const char kHostInfoHelp[] =
     "usage: kivnet host-info [--interface NAME] [--json]\n"
-    "Shows the host name and the default IPv4 interface's address, net mask, broadcast\n"
-    "address and gateway, and the hardware addresses of the host's interfaces. Sends nothing.\n"
+    "Shows the host name, the default IPv4 interface (the one of the default route) with its\n"
+    "address, net mask, broadcast address and gateway, and the hardware addresses of the\n"
+    "host's interfaces. Sends nothing.\n"
     "\n"
     "  --interface NAME  show the hardware address of this interface only\n"
-    "  --json            print the settings as JSON\n";
+    "  --json            print the settings as JSON\n"
+    "  -h, --help        print this help\n"
+    "\n"
+    "Exit status: 0 success, 1 no default IPv4 interface or no such interface, 2 a wrong\n"
+    "command line.\n";
 
 struct CommandEntry {
   const char *name;
@@ -83,6 +140,15 @@ const CommandEntry kCommands[] = {
     {"status", Command::kStatus},      {"set-ip", Command::kSetIp},
     {"host-info", Command::kHostInfo},
 };
+
+Command CommandNamed(const std::string &name) {
+  for (const CommandEntry &entry : kCommands) {
+    if (name == entry.name) {
+      return entry.command;
+    }
+  }
+  return Command::kNone;
+}
 
 // A whole decimal number within [low, high].
 bool Number(const std::string &text, unsigned long long low, unsigned long long high,
@@ -99,6 +165,25 @@ bool Number(const std::string &text, unsigned long long low, unsigned long long 
   return value >= low && value <= high;
 }
 
+// Seconds with at most one decimal ("2", "0.5", "12.0") as tenths; false for anything else.
+bool Tenths(const std::string &text, int &tenths) {
+  const std::size_t dot = text.find('.');
+  const std::string whole = text.substr(0, dot);
+  std::string tenth = "0";
+  if (dot != std::string::npos) {
+    tenth = text.substr(dot + 1);
+    if (tenth.size() != 1) {
+      return false;
+    }
+  }
+  unsigned long long seconds = 0, fraction = 0;
+  if (whole.size() > 3 || !Number(whole, 0, 999, seconds) || !Number(tenth, 0, 9, fraction)) {
+    return false;
+  }
+  tenths = static_cast<int>(seconds * 10 + fraction);
+  return true;
+}
+
 // Which options each command takes; a value option is followed by its value.
 struct OptionEntry {
   const char *name;
@@ -109,6 +194,7 @@ struct OptionEntry {
 bool Any(Command) { return true; }
 bool Exchanging(Command c) { return c != Command::kHostInfo; }
 bool Sending(Command c) { return c == Command::kDiscover || c == Command::kSetIp; }
+bool DiscoverOnly(Command c) { return c == Command::kDiscover; }
 bool StatusOnly(Command c) { return c == Command::kStatus; }
 bool SetIpOnly(Command c) { return c == Command::kSetIp; }
 bool HostInfoOnly(Command c) { return c == Command::kHostInfo; }
@@ -116,6 +202,7 @@ bool HostInfoOnly(Command c) { return c == Command::kHostInfo; }
 const OptionEntry kOptions[] = {
     {"--help", false, Any},
     {"--json", false, Any},
+    {"--json-lines", false, DiscoverOnly},
     {"--to", true, Sending},
     {"--port", true, Exchanging},
     {"--wait", true, Exchanging},
@@ -126,8 +213,22 @@ const OptionEntry kOptions[] = {
     {"--netmask", true, SetIpOnly},
     {"--gateway", true, SetIpOnly},
     {"--password", true, SetIpOnly},
+    {"--force", false, SetIpOnly},
     {"--interface", true, HostInfoOnly},
 };
+
+// Stores one flag into `line`.
+void SetFlag(const std::string &option, CommandLine &line) {
+  if (option == "--help") {
+    line.help = true;
+  } else if (option == "--json") {
+    line.json = true;
+  } else if (option == "--json-lines") {
+    line.jsonLines = true;
+  } else if (option == "--force") {
+    line.force = true;
+  }
+}
 
 // Stores one option's value into `line`; false with `error` set when the value is wrong.
 bool Apply(const std::string &option, const std::string &value, CommandLine &line,
@@ -149,12 +250,12 @@ bool Apply(const std::string &option, const std::string &value, CommandLine &lin
     }
     line.port = static_cast<int>(number);
   } else if (option == "--wait") {
-    if (!Number(value, 1, kMaxWaitSeconds, number)) {
-      error = "--wait wants whole seconds from 1 to " + std::to_string(kMaxWaitSeconds) +
-              ", not '" + value + "'";
+    int tenths = 0;
+    if (!Tenths(value, tenths) || tenths < kMinWaitTenths || tenths > kMaxWaitTenths) {
+      error = "--wait wants seconds from 0.1 to 60 with at most one decimal, not '" + value + "'";
       return false;
     }
-    line.waitSeconds = static_cast<int>(number);
+    line.waitTenths = tenths;
   } else if (option == "--port-info" || option == "--channel") {
     if (!Number(value, 0, 0xFFFFFFFFull, number)) {
       error = option + " wants a number from 0 to 4294967295, not '" + value + "'";
@@ -186,6 +287,71 @@ bool Apply(const std::string &option, const std::string &value, CommandLine &lin
   return true;
 }
 
+// The 32-bit value of dotted text already checked by IsDottedAddress, first octet highest.
+UInt32 AddressValue(const std::string &text) {
+  UInt32 value = 0;
+  std::size_t start = 0;
+  for (int part = 0; part < 4; ++part) {
+    const std::size_t end = text.find('.', start);
+    value = (value << 8) | static_cast<UInt32>(std::atoi(text.substr(start, end - start).c_str()));
+    start = end + 1;
+  }
+  return value;
+}
+
+std::string AddressText(UInt32 value) {
+  return std::to_string(value >> 24) + "." + std::to_string((value >> 16) & 0xFF) + "." +
+         std::to_string((value >> 8) & 0xFF) + "." + std::to_string(value & 0xFF);
+}
+
+// The checks and the fields each command needs once every option has been read.
+bool Complete(const std::vector<std::string> &positional, CommandLine &line, std::string &error) {
+  const std::string name = CommandName(line.command);
+  if (line.json && line.jsonLines) {
+    error = "--json and --json-lines exclude each other";
+    return false;
+  }
+  if (line.command == Command::kPing || line.command == Command::kStatus) {
+    if (positional.size() != 1) {
+      error = name + " wants one device address";
+      return false;
+    }
+    if (!IsDottedAddress(positional[0])) {
+      error = name + " wants a dotted IPv4 address, not '" + positional[0] + "'";
+      return false;
+    }
+    line.target = positional[0];
+    return true;
+  }
+  if (!positional.empty()) {
+    error = "unexpected argument '" + positional[0] + "' for " + name;
+    return false;
+  }
+  if (line.target.empty() && Sending(line.command)) {
+    line.target = kBroadcast;
+  }
+  if (line.command != Command::kSetIp) {
+    return true;
+  }
+  const char *missing = line.mac.empty()       ? "--mac"
+                        : line.address.empty() ? "--address"
+                        : line.netmask.empty() ? "--netmask"
+                        : line.gateway.empty() ? "--gateway"
+                                               : nullptr;
+  if (missing != nullptr) {
+    error = std::string("set-ip needs ") + missing;
+    return false;
+  }
+  if (!line.force) {
+    const std::string problem = ConfigurationProblem(line.address, line.netmask, line.gateway);
+    if (!problem.empty()) {
+      error = problem + " (--force sends it anyway)";
+      return false;
+    }
+  }
+  return true;
+}
+
 } // namespace
 
 std::string CommandName(Command command) {
@@ -195,6 +361,16 @@ std::string CommandName(Command command) {
     }
   }
   return "";
+}
+
+std::vector<std::string> OptionNames(Command command) {
+  std::vector<std::string> names = {"-h"};
+  for (const OptionEntry &entry : kOptions) {
+    if (entry.allowed(command)) {
+      names.push_back(entry.name);
+    }
+  }
+  return names;
 }
 
 std::string HelpText(Command command) {
@@ -213,6 +389,10 @@ std::string HelpText(Command command) {
     break;
   }
   return kGeneralHelp;
+}
+
+std::string WaitText(int tenths) {
+  return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10);
 }
 
 bool IsDottedAddress(const std::string &text) {
@@ -252,12 +432,21 @@ bool NormaliseMac(const std::string &text, std::string &mac) {
       (rest[1] == 'T' || rest[1] == 't')) {
     rest = rest.substr(2);
   }
-  // Six pairs with one separator, the same each time.
+  // Six pairs with one separator, the same each time ("00:1b:..." or "00-1b-..."), or three
+  // groups of four with dots ("001b.2c3d.4e5f").
+  std::size_t group = 0;
+  char separator = 0;
   if (rest.size() == 17 && (rest[2] == ':' || rest[2] == '-')) {
-    const char separator = rest[2];
+    group = 2;
+    separator = rest[2];
+  } else if (rest.size() == 14 && rest[4] == '.') {
+    group = 4;
+    separator = '.';
+  }
+  if (group != 0) {
     std::string joined;
     for (std::size_t i = 0; i < rest.size(); ++i) {
-      if (i % 3 == 2) {
+      if (i % (group + 1) == group) {
         if (rest[i] != separator) {
           return false;
         }
@@ -281,6 +470,53 @@ bool NormaliseMac(const std::string &text, std::string &mac) {
   return true;
 }
 
+std::string ConfigurationProblem(const std::string &address, const std::string &netmask,
+                                 const std::string &gateway) {
+  const UInt32 mask = AddressValue(netmask);
+  // Contiguous: the ones, inverted, are a run of low bits, so adding one gives a power of two.
+  const UInt32 hostBits = ~mask;
+  if ((hostBits & (hostBits + 1)) != 0) {
+    return "the net mask " + netmask + " is not contiguous (its one bits must come first)";
+  }
+  if (mask == 0) {
+    return "the net mask 0.0.0.0 would put every address on the device's own network";
+  }
+  const UInt32 host = AddressValue(address);
+  if (host == 0) {
+    return "the address 0.0.0.0 would leave the device without an address";
+  }
+  int prefix = 0;
+  for (UInt32 bits = mask; bits != 0; bits <<= 1) {
+    ++prefix;
+  }
+  const UInt32 network = host & mask;
+  const std::string networkText = AddressText(network) + "/" + std::to_string(prefix);
+  // Networks of one or two addresses (/31, /32) have no network or broadcast address of their own.
+  if (prefix <= 30 && host == network) {
+    return "the address " + address + " is the network address of " + networkText;
+  }
+  if (prefix <= 30 && host == (network | hostBits)) {
+    return "the address " + address + " is the broadcast address of " + networkText;
+  }
+  const UInt32 router = AddressValue(gateway);
+  if (router != 0 && (router & mask) != network) {
+    return "the gateway " + gateway + " is outside the new network " + networkText;
+  }
+  return "";
+}
+
+bool AsksForJson(const std::vector<std::string> &args) {
+  for (const std::string &arg : args) {
+    if (arg == "--") {
+      break;
+    }
+    if (arg == "--json" || arg == "--json-lines") {
+      return true;
+    }
+  }
+  return false;
+}
+
 bool ParseCommandLine(const std::vector<std::string> &args, CommandLine &line, std::string &error) {
   line = CommandLine();
   if (args.empty()) {
@@ -289,29 +525,45 @@ bool ParseCommandLine(const std::vector<std::string> &args, CommandLine &line, s
   }
   if (args[0] == "--help" || args[0] == "-h" || args[0] == "help") {
     line.help = true;
+    if (args.size() > 2 || (args.size() == 2 && args[0] != "help")) {
+      error = "help takes at most one command name";
+      return false;
+    }
+    if (args.size() == 2) {
+      line.command = CommandNamed(args[1]);
+      if (line.command == Command::kNone) {
+        error = "unknown command '" + args[1] + "'";
+        return false;
+      }
+    }
     return true;
   }
-  for (const CommandEntry &entry : kCommands) {
-    if (args[0] == entry.name) {
-      line.command = entry.command;
-    }
-  }
+  line.command = CommandNamed(args[0]);
   if (line.command == Command::kNone) {
     error = "unknown command '" + args[0] + "'";
     return false;
   }
   const std::string name = CommandName(line.command);
   std::vector<std::string> positional;
+  std::set<std::string> given;
+  bool optionsEnded = false;
   for (std::size_t i = 1; i < args.size(); ++i) {
     std::string option = args[i];
-    std::string value;
-    bool inlineValue = false;
-    if (option.rfind("--", 0) != 0) {
+    if (optionsEnded || option.size() < 2 || option[0] != '-') {
       positional.push_back(option);
       continue;
     }
+    if (option == "--") {
+      optionsEnded = true;
+      continue;
+    }
+    if (option == "-h") {
+      option = "--help";
+    }
+    std::string value;
+    bool inlineValue = false;
     const std::size_t equals = option.find('=');
-    if (equals != std::string::npos) {
+    if (option.rfind("--", 0) == 0 && equals != std::string::npos) {
       value = option.substr(equals + 1);
       option = option.substr(0, equals);
       inlineValue = true;
@@ -326,12 +578,16 @@ bool ParseCommandLine(const std::vector<std::string> &args, CommandLine &line, s
       error = "unknown option " + option + " for " + name;
       return false;
     }
+    if (!given.insert(option).second) {
+      error = option + " given more than once";
+      return false;
+    }
     if (!found->takesValue) {
       if (inlineValue) {
         error = option + " takes no value";
         return false;
       }
-      (option == "--help" ? line.help : line.json) = true;
+      SetFlag(option, line);
       continue;
     }
     if (!inlineValue) {
@@ -345,39 +601,7 @@ bool ParseCommandLine(const std::vector<std::string> &args, CommandLine &line, s
       return false;
     }
   }
-  if (line.help) {
-    return true;
-  }
-
-  const bool wantsAddress = line.command == Command::kPing || line.command == Command::kStatus;
-  if (wantsAddress) {
-    if (positional.size() != 1) {
-      error = name + " wants one device address";
-      return false;
-    }
-    if (!IsDottedAddress(positional[0])) {
-      error = name + " wants a dotted IPv4 address, not '" + positional[0] + "'";
-      return false;
-    }
-    line.target = positional[0];
-  } else if (!positional.empty()) {
-    error = "unexpected argument '" + positional[0] + "' for " + name;
-    return false;
-  } else if (line.target.empty() && Sending(line.command)) {
-    line.target = kBroadcast;
-  }
-  if (line.command == Command::kSetIp) {
-    const char *missing = line.mac.empty()       ? "--mac"
-                          : line.address.empty() ? "--address"
-                          : line.netmask.empty() ? "--netmask"
-                          : line.gateway.empty() ? "--gateway"
-                                                 : nullptr;
-    if (missing != nullptr) {
-      error = std::string("set-ip needs ") + missing;
-      return false;
-    }
-  }
-  return true;
+  return line.help || Complete(positional, line, error);
 }
 
 } // namespace kivnet

@@ -14,21 +14,29 @@ enum class Command { kNone, kDiscover, kPing, kStatus, kSetIp, kHostInfo };
 // The address text that sends to every device on the host's networks (255.255.255.255).
 extern const char kBroadcast[];
 
-// Defaults shared by the commands.
+// Defaults shared by the commands. Waits are kept in tenths of a second.
 constexpr int kDefaultPort = 5353;
-constexpr int kDefaultWaitSeconds = 3;
-constexpr int kMaxWaitSeconds = 60;
+constexpr int kDefaultWaitTenths = 30;
+constexpr int kMinWaitTenths = 1;
+constexpr int kMaxWaitTenths = 600;
+
+// Exit statuses, the same for every command.
+constexpr int kExitSuccess = 0;
+constexpr int kExitFailure = 1;      // no answer, an unreadable or refused answer, a failed call
+constexpr int kExitUsage = 2;        // a wrong command line
+constexpr int kExitNothingFound = 3; // discover: no device answered
 
 // One parsed command line. Only the fields of the chosen command are set from the arguments;
 // the others keep their defaults.
 struct CommandLine {
   Command command = Command::kNone;
-  bool help = false; // --help: print the command's help (or the general one) and stop
-  bool json = false; // --json: machine-readable output
+  bool help = false;      // --help, -h, or "help": print the command's help (or the general one)
+  bool json = false;      // --json: one machine-readable document
+  bool jsonLines = false; // --json-lines (discover): one object a line as devices answer
   // Where requests go: a dotted IPv4 address, or kBroadcast (discover and set-ip by default).
   std::string target;
   int port = kDefaultPort;
-  int waitSeconds = kDefaultWaitSeconds;
+  int waitTenths = kDefaultWaitTenths;
   UInt32 portInfo = 0; // status: port information of the request
   UInt32 channel = 0;  // status: channel of the request
   std::string mac;     // set-ip: the device's MAC address, 12 uppercase hexadecimal digits
@@ -36,26 +44,45 @@ struct CommandLine {
   std::string netmask;
   std::string gateway;
   std::string password;      // set-ip: the device's password (may be empty)
+  bool force = false;        // set-ip: send a configuration the checks refuse
   std::string interfaceName; // host-info: the interface whose MAC address to show
 };
 
 // Parses the arguments after the program name. Returns true with `line` filled, or false with
-// `error` set to one line naming the wrong argument (without the program name).
+// `error` set to one line naming the wrong argument (without the program name); `line.command`
+// then still tells the command when it was recognised.
 bool ParseCommandLine(const std::vector<std::string> &args, CommandLine &line, std::string &error);
+
+// True when the arguments ask for JSON output (--json or --json-lines before a "--"), so that
+// even a command line that does not parse is answered in JSON.
+bool AsksForJson(const std::vector<std::string> &args);
 
 // The help text of `command`, or the general one for Command::kNone. Ends with a line break.
 std::string HelpText(Command command);
+
+// The options `command` takes ("--port", ...), "-h" and "--help" included.
+std::vector<std::string> OptionNames(Command command);
 
 // The command's name as typed ("discover", "set-ip", ...); "" for kNone.
 std::string CommandName(Command command);
 
 // A MAC address in any of the usual forms ("00:1B:2C:3D:4E:5F", "00-1b-2c-3d-4e-5f",
-// "001b2c3d4e5f", or the "ET001b2c3d4e5f" form discovery reports) as 12 uppercase hexadecimal
-// digits, the form a configuration message needs. False for anything else.
+// "001b.2c3d.4e5f", "001b2c3d4e5f", or the "ET001b2c3d4e5f" form discovery reports) as 12
+// uppercase hexadecimal digits, the form a configuration message needs. False for anything else.
 bool NormaliseMac(const std::string &text, std::string &mac);
 
 // True for dotted-decimal IPv4 text of four numbers 0-255 without leading zeros.
 bool IsDottedAddress(const std::string &text);
+
+// Why the device would be left unreachable by `address`, `netmask` and `gateway` (dotted texts):
+// a net mask whose one bits are not contiguous or that is 0.0.0.0, the address 0.0.0.0, the
+// network's own or broadcast address, or a gateway outside the new network (0.0.0.0, no
+// gateway, passes). Empty when none applies.
+std::string ConfigurationProblem(const std::string &address, const std::string &netmask,
+                                 const std::string &gateway);
+
+// The wait as seconds text with its tenth ("3.0", "0.5").
+std::string WaitText(int tenths);
 
 } // namespace kivnet
 

@@ -1,17 +1,32 @@
-// kivnet's exchanges. Only exported functions do the work; the classes appear only where a host
-// gives memory back (the library hands every object to its host and never releases one).
+// kivnet's exchanges. Exported functions do the work; the classes appear only where a host gives
+// memory back (the library hands every object to its host and never releases one) and where it
+// copies a received message's bytes out of a container.
 #include "tools/kivnet/Exchange.h"
 
+#include <arpa/inet.h>
+#include <ifaddrs.h>
 #include <net/if.h>
+#include <netinet/in.h>
+#include <poll.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <set>
 
+#include "CommonFiles/KivWireBytes.h"
+#include "Exceptions/KivSocketExceptions.h"
+#include "Exceptions/KivWrapperException.h"
+#include "HBN3/KivHBN3Header.h"
+#include "HBN3/KivHBN3PayLoad.h"
+#include "Interfaces/KivCallFrame.h"
 #include "Interfaces/KivNetworkComm.h"
 #include "tools/kivnet/ResultCodes.h"
 
@@ -21,24 +36,55 @@ namespace {
 
 typedef std::chrono::steady_clock Clock;
 
-constexpr UInt32 kHeaderHCP1 = 0x48435031;
-constexpr UInt32 kHeaderHBN3 = 0x48424E33;
-constexpr UInt32 kDiscoveryAnswer = 0x80000006;
-constexpr UInt32 kConfigurationAnswer = 1; // any value but the discovery one
-constexpr UInt32 kPingReply = 0x80000003;
-constexpr UInt32 kStatusCacheReply = 0x80000001;
-constexpr UInt32 kRecvFromError = 0x0A0000B6;
-// Each receive waits at most this long, so the loop looks at its deadline at least once a
-// second; the socket option counts whole seconds.
-constexpr int kReceiveSliceSeconds = 1;
-// A flood cannot keep a loop going past this many datagrams, whatever the clock says.
-constexpr int kMaxDatagrams = 100000;
+// The reply to a status-cache request carries the request's command with the reply bit.
+constexpr UInt32 kStatusCacheReply = kCmdReplyFlag | kCmdStatusCacheRequest;
+// What ParseHCPResponse is told for the answer to a configuration message: any value but
+// kHCPDiscoveryResponse; the reply to configuration command 1 says what it is.
+constexpr UInt32 kConfigurationAnswer = kCmdReplyFlag | kHCPConfigCommand;
 
-Failure Fail(const char *function, UInt32 code, const std::string &detail) {
+// The status answer: the HBN3 header, then the payload's fixed part, whose bytes 12-15 declare
+// how many status bytes follow.
+constexpr int kStatusFixedEnd =
+    KivHBN3Header::kHeaderLength + KivHBN3StatusCacheResponsePayload::kFixedLength;
+constexpr int kOffStatusLength = KivHBN3Header::kHeaderLength + 12;
+
+// The configuration answer names the device at bytes 6-11, where the configuration message
+// carried it, and holds the device's result byte at byte 26.
+constexpr int kOffConfigMac = 6;
+constexpr int kConfigMacLength = 6;
+constexpr int kConfigAnswerMinimum = 27;
+
+// Each receive is bounded although it only follows a readiness report: a datagram whose checksum
+// fails is reported readable and then dropped by the receive, which would otherwise wait for
+// the next one without end. The socket option counts whole seconds.
+constexpr int kReceiveGuardSeconds = 1;
+
+// Parsing starts when no datagram has arrived for this long. The answers to one query arrive in
+// a burst, microseconds apart, with pauses of milliseconds in it (devices that answer later, a
+// busy host); a parse (about 80 us, most of it reading the host's interfaces) made in such a
+// pause, with the processor time it takes from receiving, lets the socket's buffer fill. With
+// 1000 simulated devices on a busy host, parsing after 2 ms of quiet listed about 80 of every
+// 100 answers a plain receive loop took in, after 50 ms about 95. 50 ms is no delay to a person.
+constexpr std::chrono::milliseconds kQuietBeforeParsing(50);
+// ... but no answer waits longer than this to be read and shown.
+constexpr std::chrono::milliseconds kLongestHold(250);
+
+// A flood cannot make discovery keep more than this many datagrams (at most 1024 bytes each).
+constexpr int kMaxDatagrams = 20000;
+
+// RecvFrom's code for a receive that failed or found nothing within the guard.
+UInt32 ReceiveFailedCode() {
+  return kiv::frame::kExceptionCodeBase + KivSocketException(RECVFROM_ERROR).GetErrorCode();
+}
+
+Failure Fail(FailureKind kind, const std::string &detail, const char *function = "",
+             UInt32 code = 0, int systemError = 0) {
   Failure failure;
+  failure.kind = kind;
+  failure.detail = detail;
   failure.function = function;
   failure.code = code;
-  failure.detail = detail;
+  failure.systemError = systemError;
   return failure;
 }
 
@@ -48,6 +94,10 @@ std::string Where(const std::string &address, int port) {
 }
 
 UInt32 TimeStamp() { return static_cast<UInt32>(std::time(nullptr)); }
+
+std::string Plural(std::size_t count, const char *one, const char *many) {
+  return std::to_string(count) + " " + (count == 1 ? one : many);
+}
 
 // A message container, released with its storage when the exchange ends.
 class Message {
@@ -62,6 +112,30 @@ public:
   Message &operator=(const Message &) = delete;
   HANDLE handle() const { return mHandle; }
 
+  // Replaces the content with `bytes`, for the parse functions; a failure gives the container's
+  // code.
+  UInt32 Fill(const std::string &bytes) {
+    try {
+      VerifyBufferHandle(mHandle)->SetBuffer(reinterpret_cast<const unsigned char *>(bytes.data()),
+                                             static_cast<int>(bytes.size()));
+      return 0;
+    } catch (const KivWrapperException &e) {
+      return kiv::frame::kExceptionCodeBase + e.GetErrorCode();
+    }
+  }
+
+  // A copy of the content: at most `count` bytes, the count RecvFrom reported.
+  std::string Bytes(int count) const {
+    const KivNetBuffer *buffer = VerifyBufferHandle(mHandle);
+    const int held = buffer->GetBufferLength();
+    const int length = count < held ? count : held;
+    if (length <= 0) {
+      return std::string();
+    }
+    return std::string(reinterpret_cast<const char *>(buffer->GetBufferRef()),
+                       static_cast<std::size_t>(length));
+  }
+
 private:
   HANDLE mHandle;
 };
@@ -75,26 +149,29 @@ public:
   Address &operator=(const Address &) = delete;
   HANDLE handle() const { return mHandle; }
 
-  std::string Text() const {
-    std::string text;
-    GetAddressPort(mHandle, &text, nullptr);
-    return text;
-  }
-  int Port() const {
-    int port = 0;
-    GetAddressPort(mHandle, nullptr, &port);
-    return port;
-  }
-
 private:
   HANDLE mHandle;
 };
 
-// One UDP socket on a port the system picks, with a one-second receive limit; closed and
-// released when the exchange ends.
+// One received datagram, copied out of the receive container.
+struct Datagram {
+  std::string from;
+  int fromPort = 0;
+  Clock::time_point arrived;
+  std::string bytes;
+  bool possiblyCut() const { return bytes.size() == kReceiveLimit; }
+};
+
+// One UDP socket on a port the system picks; closed and released when the exchange ends.
+// Waiting is done on its descriptor with the time left, so a wait ends when the caller's does
+// and not at the next whole second of a receive time-out.
 class Endpoint {
 public:
-  Endpoint() : mHandle(OpenUDPSocket(0)) {}
+  Endpoint() : mFrom("", 0) {
+    errno = 0;
+    mHandle = OpenUDPSocket(0);
+    mOpenError = errno;
+  }
   ~Endpoint() {
     if (mHandle != nullptr) {
       CloseUDPSocket(mHandle);
@@ -106,63 +183,108 @@ public:
 
   Failure Prepare(bool broadcast) {
     if (mHandle == nullptr) {
-      return Fail("OpenUDPSocket", 0, "no UDP socket could be made");
+      return Fail(FailureKind::kCall, "no UDP socket could be made", "OpenUDPSocket", 0,
+                  mOpenError);
     }
+    errno = 0;
     UInt32 code = BindUDPSocket(mHandle);
     if (code != 0) {
-      return Fail("BindUDPSocket", code, "cannot bind a local port");
+      return Fail(FailureKind::kCall, "cannot bind a local port", "BindUDPSocket", code, errno);
     }
-    code = SetSocketOptions(mHandle, kSocketKindUDP, TIME_OUT, kReceiveSliceSeconds);
+    code = SetSocketOptions(mHandle, kSocketKindUDP, TIME_OUT, kReceiveGuardSeconds);
     if (code != 0) {
-      return Fail("SetSocketOptions", code, "cannot set the receive time-out");
+      return Fail(FailureKind::kCall, "cannot set the receive time-out", "SetSocketOptions", code,
+                  errno);
     }
     if (broadcast) {
       code = SetSocketOptions(mHandle, kSocketKindUDP, BROADCAST_PERMITTED, 0);
       if (code != 0) {
-        return Fail("SetSocketOptions", code, "cannot permit broadcasts");
+        return Fail(FailureKind::kCall, "cannot permit broadcasts", "SetSocketOptions", code,
+                    errno);
       }
     }
+    // GetSocketID gives the descriptor, or a result code (top byte 0x0A, no descriptor's).
+    const int descriptor = GetSocketID(mHandle, kSocketKindUDP);
+    if ((static_cast<UInt32>(descriptor) & 0xFF000000u) == kiv::frame::kExceptionCodeBase ||
+        descriptor < 0) {
+      return Fail(FailureKind::kCall, "cannot reach the socket's descriptor", "GetSocketID",
+                  static_cast<UInt32>(descriptor));
+    }
+    mDescriptor = descriptor;
     return Failure();
   }
 
   Failure Send(const std::string &address, int port, const Message &message) {
     Address to(address, port);
     int sent = 0;
+    errno = 0;
     const UInt32 code = SendTo(mHandle, to.handle(), message.handle(), 0, sent);
     if (code != 0) {
-      return Fail("SendTo", code, "cannot send to " + Where(address, port));
+      return Fail(FailureKind::kCall, "cannot send to " + Where(address, port), "SendTo", code,
+                  errno);
     }
     return Failure();
   }
 
-  // Receives datagrams into `message` until `take` returns true, the deadline passes or the
-  // datagram limit is reached. `take` sees the sender and the count of each datagram.
-  Failure Collect(Clock::time_point deadline, const Message &message,
-                  const std::function<bool(const std::string &, int, int)> &take) {
-    Address from("", 0);
-    for (int count = 0; count < kMaxDatagrams && Clock::now() < deadline;) {
-      int received = 0;
-      const UInt32 code = RecvFrom(mHandle, from.handle(), message.handle(), 0, received);
-      if (code == kRecvFromError) {
-        continue; // the one-second slice passed without a datagram
+  // Waits until a datagram is waiting or `deadline` passes (a deadline already past only looks).
+  // True when one is waiting.
+  bool Waiting(Clock::time_point deadline, Failure &failure) {
+    for (;;) {
+      const auto left =
+          std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
+      // Rounded up, so the wait never ends just before the deadline and spins.
+      const int milliseconds = left <= 0 ? 0 : static_cast<int>((left + 999) / 1000);
+      pollfd watched = {mDescriptor, POLLIN, 0};
+      const int ready = ::poll(&watched, 1, milliseconds);
+      if (ready > 0) {
+        return true;
       }
-      if (code != 0) {
-        return Fail("RecvFrom", code, "receiving failed");
+      if (ready == 0) {
+        if (Clock::now() >= deadline) {
+          return false;
+        }
+        continue;
       }
-      ++count;
-      if (take(from.Text(), from.Port(), received)) {
-        break;
+      if (errno != EINTR) {
+        failure = Fail(FailureKind::kCall, "cannot wait for answers", "poll", 0, errno);
+        return false;
       }
     }
-    return Failure();
   }
+
+  // Takes the waiting datagram. False without a failure when none was there after all.
+  bool Receive(Datagram &datagram, Failure &failure) {
+    int received = 0;
+    errno = 0;
+    const UInt32 code = RecvFrom(mHandle, mFrom.handle(), mArea.handle(), 0, received);
+    if (code != 0) {
+      const int error = errno;
+      if (code == ReceiveFailedCode() && (error == EAGAIN || error == EWOULDBLOCK)) {
+        return false;
+      }
+      failure = Fail(FailureKind::kCall, "receiving failed", "RecvFrom", code, error);
+      return false;
+    }
+    datagram.from.clear();
+    GetAddressPort(mFrom.handle(), &datagram.from, &datagram.fromPort);
+    datagram.bytes = mArea.Bytes(received);
+    datagram.arrived = Clock::now();
+    return true;
+  }
+
+  // The container the last datagram was received into, for the header queries.
+  const Message &Area() const { return mArea; }
 
 private:
-  HANDLE mHandle;
+  HANDLE mHandle = nullptr;
+  int mOpenError = 0;
+  int mDescriptor = -1;
+  Message mArea;
+  Address mFrom;
 };
 
-Clock::time_point DeadlineAfter(int seconds) {
-  return Clock::now() + std::chrono::seconds(seconds);
+Clock::time_point DeadlineAfter(int tenths) {
+  return Clock::now() + std::chrono::milliseconds(100 * tenths);
 }
 
 std::string MacText(const unsigned char *bytes) {
@@ -183,59 +305,181 @@ std::string HardwareAddressOf(const std::string &name) {
   return text;
 }
 
-Failure NoAnswer(const CommandLine &line) {
-  return Fail("RecvFrom", kRecvFromError,
-              "no answer from " + Where(line.target, line.port) + " within " +
-                  std::to_string(line.waitSeconds) + " s");
+// The interface that holds the IPv4 address `address`; empty when none does.
+std::string InterfaceHolding(const std::string &address) {
+  in_addr wanted = {};
+  if (inet_pton(AF_INET, address.c_str(), &wanted) != 1) {
+    return "";
+  }
+  ifaddrs *list = nullptr;
+  if (getifaddrs(&list) != 0) {
+    return "";
+  }
+  std::string name;
+  for (const ifaddrs *entry = list; entry != nullptr && name.empty(); entry = entry->ifa_next) {
+    if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET &&
+        reinterpret_cast<const sockaddr_in *>(entry->ifa_addr)->sin_addr.s_addr == wanted.s_addr) {
+      name = entry->ifa_name;
+    }
+  }
+  freeifaddrs(list);
+  return name;
 }
 
-// Sends `request` to the target of `line` and waits for the first reply (in `reply`) whose sender
-// `accept` takes; `parse` reads it and returns the library's code, reported as `parser`'s when it
-// is not 0. Anything else arriving on the port (a late answer to someone else) is passed over.
-Failure RequestOne(Endpoint &endpoint, const CommandLine &line, const Message &request,
-                   const Message &reply, const std::function<bool(const std::string &)> &accept,
-                   const std::function<UInt32()> &parse, const char *parser, std::string &from,
-                   int &fromPort) {
-  Failure failure = endpoint.Send(line.target, line.port, request);
+// What a request makes of one datagram.
+enum class Verdict {
+  kOther,      // not from the asked device, or for another one: passed over
+  kUnreadable, // from the asked device but not readable as the answer: passed over, remembered
+  kAnswer,     // the answer; `outcome` says whether it could be used
+};
+
+struct Judgement {
+  Verdict verdict = Verdict::kOther;
+  Failure outcome; // kAnswer: the failure the answer gives, if any; kUnreadable: why
+};
+
+Judgement Judged(Verdict verdict, Failure outcome = Failure()) {
+  Judgement judgement;
+  judgement.verdict = verdict;
+  judgement.outcome = outcome;
+  return judgement;
+}
+
+// The part of a judgement every HBN3 request shares: only a datagram from `device` of at least a
+// full header, tagged HBN3 and carrying `reply`, is its answer.
+Judgement JudgeHBN3(const Datagram &datagram, const Message &area, const std::string &device,
+                    UInt32 reply, const char *what) {
+  if (datagram.from != device) {
+    return Judged(Verdict::kOther);
+  }
+  const std::string prefix = device + " sent " + Plural(datagram.bytes.size(), "byte", "bytes");
+  if (datagram.bytes.size() < static_cast<std::size_t>(KivHBN3Header::kHeaderLength)) {
+    return Judged(Verdict::kUnreadable,
+                  Fail(FailureKind::kUnreadable, prefix + ", fewer than an HBN3 header's " +
+                                                     std::to_string(KivHBN3Header::kHeaderLength)));
+  }
+  if (GetHeaderType(area.handle()) != kHeaderTypeHBN3) {
+    return Judged(Verdict::kUnreadable,
+                  Fail(FailureKind::kUnreadable, prefix + " that are no HBN3 message"));
+  }
+  const UInt32 command = GetCommandType(area.handle());
+  if (command != reply) {
+    return Judged(Verdict::kUnreadable, Fail(FailureKind::kUnreadable,
+                                             prefix + " with the command " + CodeHex(command) +
+                                                 ", not " + what + " (" + CodeHex(reply) + ")"));
+  }
+  return Judged(Verdict::kAnswer);
+}
+
+// Sends `request` to line.target and waits, until line.waitTenths have passed, for the datagram
+// `judge` takes as the answer (left in `answer`). Datagrams it passes over do not end the wait;
+// when the wait ends without an answer, one the asked device sent that could not be read is
+// reported rather than silence. `what` names the awaited answer in the messages.
+Failure RequestAndAnswer(const CommandLine &line, const Message &request, const char *what,
+                         const std::function<Judgement(const Datagram &, const Message &)> &judge,
+                         Datagram &answer, Clock::time_point *sent = nullptr) {
+  Endpoint endpoint;
+  Failure failure = endpoint.Prepare(line.target == kBroadcast);
   if (failure.failed()) {
     return failure;
   }
-  bool answered = false;
-  UInt32 code = 0;
-  failure = endpoint.Collect(DeadlineAfter(line.waitSeconds), reply,
-                             [&](const std::string &sender, int port, int) {
-                               if (!accept(sender)) {
-                                 return false;
-                               }
-                               code = parse();
-                               from = sender;
-                               fromPort = port;
-                               answered = true;
-                               return true;
-                             });
+  if (sent != nullptr) {
+    *sent = Clock::now();
+  }
+  failure = endpoint.Send(line.target, line.port, request);
   if (failure.failed()) {
     return failure;
   }
-  if (!answered) {
-    return NoAnswer(line);
+  const Clock::time_point deadline = DeadlineAfter(line.waitTenths);
+  Failure unreadable;
+  int passedOver = 0;
+  Datagram datagram;
+  while (endpoint.Waiting(deadline, failure)) {
+    if (!endpoint.Receive(datagram, failure)) {
+      if (failure.failed()) {
+        return failure;
+      }
+      continue;
+    }
+    const Judgement judgement = judge(datagram, endpoint.Area());
+    switch (judgement.verdict) {
+    case Verdict::kAnswer:
+      answer = datagram;
+      return judgement.outcome;
+    case Verdict::kUnreadable:
+      unreadable = judgement.outcome;
+      break;
+    case Verdict::kOther:
+      ++passedOver;
+      break;
+    }
   }
-  if (code != 0) {
-    return Fail(parser, code, "unreadable answer from " + from);
+  if (failure.failed()) {
+    return failure;
   }
-  return Failure();
+  if (unreadable.failed()) {
+    unreadable.detail = "no " + std::string(what) + " could be read: " + unreadable.detail;
+    return unreadable;
+  }
+  std::string detail = "no " + std::string(what) + " from " + Where(line.target, line.port) +
+                       " within " + WaitText(line.waitTenths) + " s";
+  if (passedOver > 0) {
+    detail += " (" +
+              Plural(static_cast<std::size_t>(passedOver), "other datagram", "other datagrams") +
+              " passed over)";
+  }
+  return Fail(FailureKind::kNoAnswer, detail);
+}
+
+// The six bytes of a MAC text of 12 hexadecimal digits, as a configuration message carries them.
+std::string MacBytes(const std::string &mac) {
+  std::string bytes;
+  for (std::size_t i = 0; i + 1 < mac.size(); i += 2) {
+    bytes += static_cast<char>(std::strtoul(mac.substr(i, 2).c_str(), nullptr, 16));
+  }
+  return bytes;
 }
 
 } // namespace
 
-std::string Failure::Describe() const {
-  std::string text = detail.empty() ? std::string() : detail + ": ";
-  if (code == 0) {
-    return text + function + " failed";
+std::string KindName(FailureKind kind) {
+  switch (kind) {
+  case FailureKind::kNone:
+    return "none";
+  case FailureKind::kCall:
+    return "call-failed";
+  case FailureKind::kNoAnswer:
+    return "no-answer";
+  case FailureKind::kUnreadable:
+    return "unreadable-answer";
+  case FailureKind::kCutShort:
+    return "cut-short";
+  case FailureKind::kRefused:
+    return "refused";
+  case FailureKind::kHost:
+    return "host";
   }
-  return text + function + " returned " + CodeHex(code) + " (" + DescribeCode(code) + ")";
+  return "none";
 }
 
-Failure Discover(const CommandLine &line, Discovery &result) {
+std::string Failure::SystemReason() const {
+  return systemError != 0 ? std::strerror(systemError) : "";
+}
+
+std::string Failure::Describe() const {
+  std::string text = detail;
+  if (systemError != 0) {
+    text += (text.empty() ? "" : ": ") + SystemReason();
+  }
+  if (!function.empty()) {
+    text += (text.empty() ? "" : systemError != 0 ? "; " : ": ") + function;
+    text += code == 0 ? std::string(" failed")
+                      : " returned " + CodeHex(code) + ": " + DescribeCode(code);
+  }
+  return text;
+}
+
+Failure Discover(const CommandLine &line, Discovery &result, DiscoveryListener *listener) {
   result = Discovery();
   Endpoint endpoint;
   Failure failure = endpoint.Prepare(line.target == kBroadcast);
@@ -243,85 +487,158 @@ Failure Discover(const CommandLine &line, Discovery &result) {
     return failure;
   }
   Message query;
-  UInt32 code = CreateDiscovery(kHeaderHCP1, query.handle());
-  if (code != 0) {
-    return Fail("CreateDiscovery", code, "cannot build the discovery query");
+  const UInt32 built = CreateDiscovery(kHeaderTypeHCP1, query.handle());
+  if (built != 0) {
+    return Fail(FailureKind::kCall, "cannot build the discovery query", "CreateDiscovery", built);
   }
   const Clock::time_point start = Clock::now();
   failure = endpoint.Send(line.target, line.port, query);
   if (failure.failed()) {
     return failure;
   }
+  const Clock::time_point deadline = DeadlineAfter(line.waitTenths);
   std::unique_ptr<KivNetRecord> record(static_cast<KivNetRecord *>(CreateKivNetRecord()));
   std::set<std::string> seen;
-  Message answer;
-  failure = endpoint.Collect(
-      DeadlineAfter(line.waitSeconds), answer, [&](const std::string &from, int port, int length) {
-        ++result.datagrams;
-        const UInt32 parsed =
-            ParseHCPResponse(kHeaderHCP1, answer.handle(), kDiscoveryAnswer, *record);
-        if (parsed != 0) {
-          result.unread.push_back(UnreadAnswer{from, port, length, parsed});
-          return false;
+  std::deque<Datagram> pending;
+  Message parsed;
+  bool receiving = true;
+  Clock::time_point lastArrival = start;
+  for (;;) {
+    // Answers that arrive after the wait are not taken; those already taken are all read.
+    receiving = receiving && Clock::now() < deadline;
+    // Receiving comes first: while datagrams arrive they are only copied out, so a burst of
+    // answers is taken in before the socket's buffer fills; parsing happens when the socket has
+    // been quiet for a moment, one answer at a time, looking at the socket again after each. A
+    // steady trickle still has its oldest answer read once it has been held long enough.
+    const bool overdue = !pending.empty() && Clock::now() - pending.front().arrived >= kLongestHold;
+    const Clock::time_point quiet = std::min(deadline, lastArrival + kQuietBeforeParsing);
+    if (receiving && !overdue && endpoint.Waiting(pending.empty() ? deadline : quiet, failure)) {
+      Datagram datagram;
+      if (endpoint.Receive(datagram, failure)) {
+        lastArrival = datagram.arrived;
+        pending.push_back(std::move(datagram));
+        if (++result.datagrams >= kMaxDatagrams) {
+          result.limitReached = true;
+          receiving = false;
         }
-        // A device that answers twice (a retransmission, or two paths to it) is listed once.
-        if (!seen.insert(record->strMacUaa + "/" + record->strIPAddr).second) {
-          ++result.duplicates;
-          return false;
-        }
-        result.devices.push_back(FoundDevice{from, port, *record});
-        return false;
-      });
+      }
+      if (failure.failed()) {
+        return failure;
+      }
+      continue;
+    }
+    if (failure.failed()) {
+      return failure;
+    }
+    if (pending.empty()) {
+      if (receiving) {
+        continue;
+      }
+      break;
+    }
+    const Datagram datagram = std::move(pending.front());
+    pending.pop_front();
+    UInt32 code = parsed.Fill(datagram.bytes);
+    if (code == 0) {
+      code = ParseHCPResponse(kHeaderTypeHCP1, parsed.handle(), kHCPDiscoveryResponse, *record);
+    }
+    if (code != 0) {
+      UnreadAnswer unread{datagram.from, datagram.fromPort, static_cast<int>(datagram.bytes.size()),
+                          code, datagram.possiblyCut()};
+      result.unread.push_back(unread);
+      if (listener != nullptr) {
+        listener->Unread(unread);
+      }
+    } else if (!seen.insert(record->strMacUaa + "/" + record->strIPAddr).second) {
+      // A device that answers twice (a retransmission, or two paths to it) is listed once.
+      ++result.duplicates;
+    } else {
+      result.devices.push_back(
+          FoundDevice{datagram.from, datagram.fromPort, *record, datagram.possiblyCut()});
+      if (listener != nullptr) {
+        listener->Found(result.devices.back());
+      }
+    }
+  }
   result.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  return failure;
+  return Failure();
 }
 
 Failure Ping(const CommandLine &line, PingAnswer &answer) {
-  Endpoint endpoint;
-  Failure failure = endpoint.Prepare(false);
-  if (failure.failed()) {
-    return failure;
-  }
   Message request;
-  UInt32 code = CreatePing(kHeaderHBN3, TimeStamp(), request.handle());
-  if (code != 0) {
-    return Fail("CreatePing", code, "cannot build the ping");
+  const UInt32 built = CreatePing(kHeaderTypeHBN3, TimeStamp(), request.handle());
+  if (built != 0) {
+    return Fail(FailureKind::kCall, "cannot build the ping", "CreatePing", built);
   }
-  const Clock::time_point start = Clock::now();
-  Message reply;
-  failure = RequestOne(
-      endpoint, line, request, reply,
-      [&](const std::string &from) {
-        return from == line.target && GetCommandType(reply.handle()) == kPingReply;
+  Clock::time_point sent;
+  Datagram reply;
+  Failure failure = RequestAndAnswer(
+      line, request, "ping reply",
+      [&](const Datagram &datagram, const Message &area) {
+        Judgement judgement = JudgeHBN3(datagram, area, line.target, kCmdPingReply, "a ping reply");
+        if (judgement.verdict == Verdict::kAnswer) {
+          answer.milliseconds =
+              std::chrono::duration<double, std::milli>(Clock::now() - sent).count();
+          const UInt32 code = ParsePingResponse(kHeaderTypeHBN3, area.handle(), answer.info);
+          if (code != 0) {
+            judgement.outcome = Fail(FailureKind::kUnreadable,
+                                     "the ping reply from " + datagram.from + " could not be read",
+                                     "ParsePingResponse", code);
+          }
+        }
+        return judgement;
       },
-      [&] { return ParsePingResponse(kHeaderHBN3, reply.handle(), answer.info); },
-      "ParsePingResponse", answer.from, answer.fromPort);
-  answer.milliseconds = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+      reply, &sent);
+  answer.from = reply.from;
+  answer.fromPort = reply.fromPort;
   return failure;
 }
 
 Failure Status(const CommandLine &line, StatusAnswer &answer) {
-  Endpoint endpoint;
-  Failure failure = endpoint.Prepare(false);
-  if (failure.failed()) {
-    return failure;
-  }
   Message request;
-  UInt32 code = CreateStatusCacheRequest(kHeaderHBN3, line.portInfo, line.channel, TimeStamp(),
-                                         request.handle());
-  if (code != 0) {
-    return Fail("CreateStatusCacheRequest", code, "cannot build the status request");
+  const UInt32 built = CreateStatusCacheRequest(kHeaderTypeHBN3, line.portInfo, line.channel,
+                                                TimeStamp(), request.handle());
+  if (built != 0) {
+    return Fail(FailureKind::kCall, "cannot build the status request", "CreateStatusCacheRequest",
+                built);
   }
   std::unique_ptr<StatCacheResponse> status(
       static_cast<StatCacheResponse *>(CreateStatCacheResponse()));
-  Message reply;
-  failure = RequestOne(
-      endpoint, line, request, reply,
-      [&](const std::string &from) {
-        return from == line.target && GetCommandType(reply.handle()) == kStatusCacheReply;
+  Datagram reply;
+  Failure failure = RequestAndAnswer(
+      line, request, "status answer",
+      [&](const Datagram &datagram, const Message &area) {
+        Judgement judgement =
+            JudgeHBN3(datagram, area, line.target, kStatusCacheReply, "a status answer");
+        if (judgement.verdict != Verdict::kAnswer) {
+          return judgement;
+        }
+        const std::string from = "the status answer from " + datagram.from;
+        const UInt32 code = ParseStatusCacheResponse(kHeaderTypeHBN3, area.handle(), *status);
+        if (code != 0) {
+          judgement.outcome = Fail(FailureKind::kUnreadable,
+                                   from + " could not be read (" +
+                                       Plural(datagram.bytes.size(), "byte", "bytes") + ")",
+                                   "ParseStatusCacheResponse", code);
+          return judgement;
+        }
+        // The parse leaves out status bytes that did not all arrive; the declared count tells.
+        const auto *bytes = reinterpret_cast<const unsigned char *>(datagram.bytes.data());
+        const int declared = static_cast<int>(kiv::ReadBE32(bytes + kOffStatusLength));
+        const long long arrived = static_cast<long long>(datagram.bytes.size()) - kStatusFixedEnd;
+        if (declared < 0 || declared > arrived) {
+          judgement.outcome =
+              Fail(FailureKind::kCutShort,
+                   from + " was cut short: it declares " + std::to_string(declared) +
+                       " status bytes and " + std::to_string(arrived) + " arrived" +
+                       (datagram.possiblyCut() ? " (the receive limit is 1024 bytes)" : ""));
+        }
+        return judgement;
       },
-      [&] { return ParseStatusCacheResponse(kHeaderHBN3, reply.handle(), *status); },
-      "ParseStatusCacheResponse", answer.from, answer.fromPort);
+      reply);
+  answer.from = reply.from;
+  answer.fromPort = reply.fromPort;
+  answer.possiblyCut = reply.possiblyCut();
   if (!failure.failed()) {
     answer.status = *status;
   }
@@ -329,49 +646,87 @@ Failure Status(const CommandLine &line, StatusAnswer &answer) {
 }
 
 Failure SetIp(const CommandLine &line, ConfigAnswer &answer) {
-  Endpoint endpoint;
-  Failure failure = endpoint.Prepare(line.target == kBroadcast);
-  if (failure.failed()) {
-    return failure;
-  }
   Message request;
   std::string mac = line.mac, address = line.address, netmask = line.netmask,
               gateway = line.gateway, password = line.password;
   // The source MAC and address are filled in by the library; these two are not read.
   std::string unusedMac, unusedAddress;
-  UInt32 code = CreateIPConfig(kHeaderHCP1, mac, unusedMac, unusedAddress, address, password,
-                               netmask, gateway, request.handle());
-  if (code != 0) {
-    return Fail("CreateIPConfig", code, "cannot build the configuration message");
+  const UInt32 built = CreateIPConfig(kHeaderTypeHCP1, mac, unusedMac, unusedAddress, address,
+                                      password, netmask, gateway, request.handle());
+  if (built != 0) {
+    return Fail(FailureKind::kCall, "cannot build the configuration message", "CreateIPConfig",
+                built);
   }
+  const std::string macBytes = MacBytes(line.mac);
   std::unique_ptr<KivNetRecord> record(static_cast<KivNetRecord *>(CreateKivNetRecord()));
-  Message reply;
-  failure = RequestOne(
-      endpoint, line, request, reply,
-      [&](const std::string &) { return GetHeaderType(reply.handle()) == kHeaderHCP1; },
-      [&] { return ParseHCPResponse(kHeaderHCP1, reply.handle(), kConfigurationAnswer, *record); },
-      "ParseHCPResponse", answer.from, answer.fromPort);
-  if (!failure.failed()) {
+  Datagram reply;
+  Failure failure = RequestAndAnswer(
+      line, request, "configuration answer",
+      [&](const Datagram &datagram, const Message &area) {
+        // Sent to one address, the answer comes from the device there, or from its new address
+        // when it has already moved.
+        if (line.target != kBroadcast && datagram.from != line.target &&
+            datagram.from != line.address) {
+          return Judged(Verdict::kOther);
+        }
+        const std::string prefix =
+            datagram.from + " sent " + Plural(datagram.bytes.size(), "byte", "bytes");
+        if (GetHeaderType(area.handle()) != kHeaderTypeHCP1 ||
+            datagram.bytes.size() < static_cast<std::size_t>(kConfigAnswerMinimum)) {
+          return Judged(Verdict::kUnreadable, Fail(FailureKind::kUnreadable,
+                                                   prefix + " that are no configuration answer"));
+        }
+        if (datagram.bytes.compare(kOffConfigMac, kConfigMacLength, macBytes) != 0) {
+          return Judged(Verdict::kOther); // the answer of another device
+        }
+        const UInt32 code =
+            ParseHCPResponse(kHeaderTypeHCP1, area.handle(), kConfigurationAnswer, *record);
+        if (code != 0) {
+          return Judged(Verdict::kUnreadable, Fail(FailureKind::kUnreadable,
+                                                   "the configuration answer from " +
+                                                       datagram.from + " could not be read",
+                                                   "ParseHCPResponse", code));
+        }
+        Judgement judgement = Judged(Verdict::kAnswer);
+        if (record->iResponse != 0) {
+          judgement.outcome = Fail(
+              FailureKind::kRefused,
+              "device " + line.mac + " refused the configuration (result byte " +
+                  std::to_string(record->iResponse) + ", answered from " + datagram.from + ")");
+        }
+        return judgement;
+      },
+      reply);
+  answer.from = reply.from;
+  answer.fromPort = reply.fromPort;
+  answer.possiblyCut = reply.possiblyCut();
+  if (failure.kind == FailureKind::kNone || failure.kind == FailureKind::kRefused) {
     answer.record = *record;
   }
   return failure;
 }
 
-HostInfo ReadHostInfo(const std::string &interfaceName, bool &missingInterface) {
-  HostInfo host;
-  host.hostname = GetHostname();
-  host.address = GetHostIPAddressString();
-  host.netmask = GetHostNetMaskString();
-  host.broadcast = GetHostBroadcastAddressString();
-  host.gateway = GetHostGatewayString();
-  missingInterface = false;
+Failure ReadHostInfo(const std::string &interfaceName, HostInfo &host) {
+  host = HostInfo();
+  try {
+    host.hostname = GetHostname();
+    host.address = GetHostIPAddressString();
+    host.netmask = GetHostNetMaskString();
+    host.broadcast = GetHostBroadcastAddressString();
+    host.gateway = GetHostGatewayString();
+  } catch (int) {
+    // The library's signal that the host has no default IPv4 interface.
+    return Fail(FailureKind::kHost, "this host has no default IPv4 interface (no default route)");
+  }
+  host.interfaceName = InterfaceHolding(host.address);
   if (!interfaceName.empty()) {
     const std::string mac = HardwareAddressOf(interfaceName);
-    missingInterface = mac.empty();
-    if (!missingInterface) {
-      host.hardware.emplace_back(interfaceName, mac);
+    if (mac.empty()) {
+      return Fail(FailureKind::kHost,
+                  "no interface named '" + interfaceName + "' with a hardware address");
     }
-    return host;
+    host.hardware.emplace_back(interfaceName, mac);
+    return Failure();
   }
   // The library answers for a named interface; the names come from the system.
   if (struct if_nameindex *names = if_nameindex()) {
@@ -383,7 +738,7 @@ HostInfo ReadHostInfo(const std::string &interfaceName, bool &missingInterface) 
     }
     if_freenameindex(names);
   }
-  return host;
+  return Failure();
 }
 
 } // namespace kivnet

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <vector>
 
 #include "tools/kivnet/ResultCodes.h"
@@ -78,39 +79,67 @@ std::string Number(double value, int decimals) {
   return text;
 }
 
-// A minimal writer for the flat objects kivnet prints: members are added in order and the
-// object is closed by Text().
+// The number of characters a terminal shows for `text` (code points; an escape counts per byte).
+std::size_t Columns(const std::string &text) {
+  std::size_t count = 0;
+  for (unsigned char c : text) {
+    count += (c & 0xC0) != 0x80 ? 1 : 0;
+  }
+  return count;
+}
+
+// A minimal writer for the objects kivnet prints: members in the order they are added, written
+// one a line (Pretty) or all on one line (Compact).
 class JsonObject {
 public:
-  explicit JsonObject(int indent) : mIndent(indent) {}
   JsonObject &Text(const char *name, const std::string &value) {
     return Raw(name, JsonString(value));
   }
+  JsonObject &TextOrNull(const char *name, const std::string &value) {
+    return Raw(name, value.empty() ? "null" : JsonString(value));
+  }
   JsonObject &Int(const char *name, long long value) { return Raw(name, std::to_string(value)); }
+  JsonObject &Bool(const char *name, bool value) { return Raw(name, value ? "true" : "false"); }
   JsonObject &Raw(const char *name, const std::string &json) {
     mMembers.push_back(JsonString(name) + ": " + json);
     return *this;
   }
-  std::string Done() const {
+  std::string Pretty(int indent) const {
     if (mMembers.empty()) {
       return "{}";
     }
-    const std::string inner(static_cast<std::size_t>(mIndent + 2), ' ');
+    const std::string inner(static_cast<std::size_t>(indent + 2), ' ');
     std::string out = "{\n";
     for (std::size_t i = 0; i < mMembers.size(); ++i) {
       out += inner + mMembers[i] + (i + 1 < mMembers.size() ? ",\n" : "\n");
     }
-    return out + std::string(static_cast<std::size_t>(mIndent), ' ') + "}";
+    return out + std::string(static_cast<std::size_t>(indent), ' ') + "}";
   }
+  std::string Compact() const {
+    std::string out = "{";
+    for (std::size_t i = 0; i < mMembers.size(); ++i) {
+      out += (i == 0 ? "" : ", ") + mMembers[i];
+    }
+    return out + "}";
+  }
+  // Pretty at `indent`, or Compact when `indent` is below 0.
+  std::string Done(int indent) const { return indent < 0 ? Compact() : Pretty(indent); }
 
 private:
-  int mIndent;
   std::vector<std::string> mMembers;
 };
 
+// Items one a line at `indent`, or all on one line when `indent` is below 0.
 std::string JsonArray(const std::vector<std::string> &items, int indent) {
   if (items.empty()) {
     return "[]";
+  }
+  if (indent < 0) {
+    std::string out = "[";
+    for (std::size_t i = 0; i < items.size(); ++i) {
+      out += (i == 0 ? "" : ", ") + items[i];
+    }
+    return out + "]";
   }
   const std::string inner(static_cast<std::size_t>(indent + 2), ' ');
   std::string out = "[\n";
@@ -120,22 +149,38 @@ std::string JsonArray(const std::vector<std::string> &items, int indent) {
   return out + std::string(static_cast<std::size_t>(indent), ' ') + "]";
 }
 
+int Deeper(int indent, int by) { return indent < 0 ? indent : indent + by; }
+
+// PASSWORDSET as the record gives it: "TRUE", "FALSE", or empty when the device said neither.
+std::string PasswordSetJson(const std::string &value) {
+  return value == "TRUE" ? "true" : value == "FALSE" ? "false" : "null";
+}
+
+// OEMBYTE as a number when the device sent a decimal number, else null.
+std::string OemByteJson(const std::string &value) {
+  if (value.empty() || value.size() > 9 ||
+      value.find_first_not_of("0123456789") != std::string::npos) {
+    return "null";
+  }
+  return std::to_string(std::strtol(value.c_str(), nullptr, 10));
+}
+
 std::string PortsJson(const std::vector<DeviceSpecific> &ports, int indent) {
   std::vector<std::string> items;
   for (const DeviceSpecific &port : ports) {
-    items.push_back(JsonObject(indent + 2)
+    items.push_back(JsonObject()
                         .Int("port", port.iPortInfo)
                         .Text("product", port.strProdID)
                         .Text("vidPid", port.strPrintrVidPid)
-                        .Done());
+                        .Done(Deeper(indent, 2)));
   }
   return JsonArray(items, indent);
 }
 
-std::string DeviceJson(const FoundDevice &device, int indent) {
+JsonObject DeviceMembers(const FoundDevice &device, int indent) {
   const KivNetRecord &r = device.record;
-  return JsonObject(indent)
-      .Text("address", r.strIPAddr)
+  JsonObject object;
+  object.Text("address", r.strIPAddr)
       .Text("netmask", r.strIPNetMask)
       .Text("gateway", r.strIPGateway)
       .Text("name", r.strIPName)
@@ -144,12 +189,41 @@ std::string DeviceJson(const FoundDevice &device, int indent) {
       .Text("adapterType", r.strAdapterType)
       .Text("adapterName", r.strAdapterName)
       .Text("addressSource", r.strIPAddrSrc)
-      .Text("oemByte", r.strOEMByte)
-      .Text("passwordSet", r.strPwdSet)
-      .Raw("ports", PortsJson(r.vecDeviceSpecific, indent + 2))
+      .Raw("oemByte", OemByteJson(r.strOEMByte))
+      .Raw("passwordSet", PasswordSetJson(r.strPwdSet))
+      .Raw("ports", PortsJson(r.vecDeviceSpecific, Deeper(indent, 2)))
       .Text("answeredFrom", device.from)
       .Int("answeredPort", device.fromPort)
-      .Done();
+      .Bool("possiblyCut", device.possiblyCut);
+  return object;
+}
+
+JsonObject UnreadMembers(const UnreadAnswer &answer) {
+  JsonObject object;
+  object.Text("from", answer.from)
+      .Int("port", answer.fromPort)
+      .Int("bytes", answer.length)
+      .Text("code", CodeHex(answer.code))
+      .Text("meaning", DescribeCode(answer.code))
+      .Bool("possiblyCut", answer.possiblyCut);
+  return object;
+}
+
+// Table columns of the discovery listing: rows are printed as devices answer, so the widths are
+// fixed; a longer cell pushes the rest of its row to the right.
+const std::size_t kColumnWidths[] = {15, 14, 24, 28};
+
+std::string Row(const std::vector<std::string> &cells) {
+  std::string line;
+  for (std::size_t i = 0; i < cells.size(); ++i) {
+    line += cells[i];
+    if (i + 1 < cells.size()) {
+      const std::size_t width = i < 4 ? kColumnWidths[i] : 0;
+      const std::size_t used = Columns(cells[i]);
+      line += std::string(used < width ? width - used + 2 : 2, ' ');
+    }
+  }
+  return line + "\n";
 }
 
 // Columns padded to the widest printable cell, two spaces apart; the last is not padded.
@@ -158,7 +232,7 @@ std::string Table(const std::vector<std::vector<std::string>> &rows) {
   for (const auto &row : rows) {
     widths.resize(std::max(widths.size(), row.size()), 0);
     for (std::size_t i = 0; i < row.size(); ++i) {
-      widths[i] = std::max(widths[i], row[i].size());
+      widths[i] = std::max(widths[i], Columns(row[i]));
     }
   }
   std::string out;
@@ -167,7 +241,7 @@ std::string Table(const std::vector<std::vector<std::string>> &rows) {
     for (std::size_t i = 0; i < row.size(); ++i) {
       line += row[i];
       if (i + 1 < row.size()) {
-        line += std::string(widths[i] - row[i].size() + 2, ' ');
+        line += std::string(widths[i] - Columns(row[i]) + 2, ' ');
       }
     }
     out += line + "\n";
@@ -253,21 +327,20 @@ std::string Printable(const std::string &bytes) {
   return out;
 }
 
-std::string DiscoveryTable(const Discovery &discovery) {
-  std::string out;
-  if (!discovery.devices.empty()) {
-    std::vector<std::vector<std::string>> rows = {{"ADDRESS", "MAC", "NAME", "PRODUCT", "PORTS"}};
-    for (const FoundDevice &device : discovery.devices) {
-      const KivNetRecord &r = device.record;
-      const std::string product =
-          r.vecDeviceSpecific.empty() ? "-" : Printable(r.vecDeviceSpecific.front().strProdID);
-      rows.push_back({Printable(r.strIPAddr), Printable(r.strMacUaa), Printable(r.strIPName),
-                      product, std::to_string(r.vecDeviceSpecific.size())});
-    }
-    out += Table(rows);
-  }
-  out += discovery.devices.empty() ? std::string("no device answered")
-                                   : Plural(discovery.devices.size(), "device", "devices");
+std::string DiscoveryHeader() { return Row({"ADDRESS", "MAC", "NAME", "PRODUCT", "PORTS"}); }
+
+std::string DiscoveryRow(const FoundDevice &device) {
+  const KivNetRecord &r = device.record;
+  const std::string product =
+      r.vecDeviceSpecific.empty() ? "-" : Printable(r.vecDeviceSpecific.front().strProdID);
+  return Row({Printable(r.strIPAddr), Printable(r.strMacUaa), Printable(r.strIPName), product,
+              std::to_string(r.vecDeviceSpecific.size())});
+}
+
+std::string DiscoverySummary(const Discovery &discovery) {
+  std::string out = discovery.devices.empty()
+                        ? std::string("no device answered")
+                        : Plural(discovery.devices.size(), "device", "devices");
   out += " in " + Number(discovery.seconds, 1) + " s";
   if (discovery.duplicates > 0) {
     out += " (" +
@@ -275,37 +348,70 @@ std::string DiscoveryTable(const Discovery &discovery) {
                   "repeated answers") +
            " ignored)";
   }
-  out += "\n";
-  for (const UnreadAnswer &answer : discovery.unread) {
-    out += "unreadable answer from " + answer.from + ":" + std::to_string(answer.fromPort) + " (" +
-           Plural(static_cast<std::size_t>(answer.length), "byte", "bytes") +
-           "): " + CodeHex(answer.code) + " " + DescribeCode(answer.code) + "\n";
+  if (!discovery.unread.empty()) {
+    out += ", " + Plural(discovery.unread.size(), "unreadable answer", "unreadable answers");
   }
-  return out;
+  if (discovery.limitReached) {
+    out += ", receiving stopped after " +
+           Plural(static_cast<std::size_t>(discovery.datagrams), "datagram", "datagrams");
+  }
+  return out + "\n";
+}
+
+std::string UnreadLine(const UnreadAnswer &answer) {
+  return "unreadable answer from " + answer.from + ":" + std::to_string(answer.fromPort) + " (" +
+         Plural(static_cast<std::size_t>(answer.length), "byte", "bytes") +
+         (answer.possiblyCut ? ", the receive limit: possibly cut" : "") +
+         "): " + DescribeCode(answer.code) + " [" + CodeHex(answer.code) + "]\n";
+}
+
+std::string PossiblyCutLine(const std::string &from, int port) {
+  return "the answer from " + from + ":" + std::to_string(port) + " filled the " +
+         std::to_string(kReceiveLimit) + "-byte receive limit and may have been cut\n";
 }
 
 std::string DiscoveryJson(const Discovery &discovery) {
   std::vector<std::string> devices;
   for (const FoundDevice &device : discovery.devices) {
-    devices.push_back(DeviceJson(device, 4));
+    devices.push_back(DeviceMembers(device, 4).Pretty(4));
   }
   std::vector<std::string> unread;
   for (const UnreadAnswer &answer : discovery.unread) {
-    unread.push_back(JsonObject(4)
-                         .Text("from", answer.from)
-                         .Int("port", answer.fromPort)
-                         .Int("bytes", answer.length)
-                         .Text("code", CodeHex(answer.code))
-                         .Text("meaning", DescribeCode(answer.code))
-                         .Done());
+    unread.push_back(UnreadMembers(answer).Pretty(4));
   }
-  return JsonObject(0)
+  return JsonObject()
              .Raw("devices", JsonArray(devices, 2))
              .Raw("unreadable", JsonArray(unread, 2))
              .Int("datagrams", discovery.datagrams)
              .Int("duplicates", discovery.duplicates)
+             .Bool("limitReached", discovery.limitReached)
              .Raw("seconds", Number(discovery.seconds, 3))
-             .Done() +
+             .Pretty(0) +
+         "\n";
+}
+
+std::string DeviceJsonLine(const FoundDevice &device) {
+  JsonObject object;
+  object.Text("kind", "device");
+  return object.Raw("device", DeviceMembers(device, -1).Compact()).Compact() + "\n";
+}
+
+std::string UnreadJsonLine(const UnreadAnswer &answer) {
+  JsonObject object;
+  object.Text("kind", "unreadable");
+  return object.Raw("unreadable", UnreadMembers(answer).Compact()).Compact() + "\n";
+}
+
+std::string SummaryJsonLine(const Discovery &discovery) {
+  return JsonObject()
+             .Text("kind", "summary")
+             .Int("devices", static_cast<long long>(discovery.devices.size()))
+             .Int("unreadable", static_cast<long long>(discovery.unread.size()))
+             .Int("datagrams", discovery.datagrams)
+             .Int("duplicates", discovery.duplicates)
+             .Bool("limitReached", discovery.limitReached)
+             .Raw("seconds", Number(discovery.seconds, 3))
+             .Compact() +
          "\n";
 }
 
@@ -318,14 +424,14 @@ std::string PingText(const PingAnswer &answer) {
 }
 
 std::string PingJson(const PingAnswer &answer) {
-  return JsonObject(0)
+  return JsonObject()
              .Text("from", answer.from)
              .Int("port", answer.fromPort)
              .Raw("milliseconds", Number(answer.milliseconds, 3))
              .Int("status", answer.info.iStatus)
              .Int("portInfo", answer.info.iPortInfo)
              .Int("channel", answer.info.iChannelID)
-             .Done() +
+             .Pretty(0) +
          "\n";
 }
 
@@ -355,17 +461,18 @@ std::string StatusText(const StatusAnswer &answer) {
 
 std::string StatusJson(const StatusAnswer &answer) {
   const StatCacheResponse &s = answer.status;
-  return JsonObject(0)
+  return JsonObject()
              .Text("from", answer.from)
              .Int("port", answer.fromPort)
              .Int("portInfo", s.iPortInfo)
              .Int("channel", s.iChannelID)
              .Text("adapterMac", s.strAdapterUAA)
              .Text("adapterAddress", s.strAdapterIPAddr)
-             .Text("printerId", s.strPrinterID)
+             .TextOrNull("printerId", s.strPrinterID)
              .Int("statusLength", s.iPayloadLength)
              .Text("statusHex", HexBytes(s.strPayload))
-             .Done() +
+             .Bool("possiblyCut", answer.possiblyCut)
+             .Pretty(0) +
          "\n";
 }
 
@@ -378,7 +485,7 @@ std::string ConfigText(const ConfigAnswer &answer, const std::string &mac) {
 
 std::string ConfigJson(const ConfigAnswer &answer, const std::string &mac) {
   const KivNetRecord &r = answer.record;
-  return JsonObject(0)
+  return JsonObject()
              .Text("mac", mac)
              .Int("result", r.iResponse)
              .Text("address", r.strIPAddr)
@@ -386,13 +493,15 @@ std::string ConfigJson(const ConfigAnswer &answer, const std::string &mac) {
              .Text("gateway", r.strIPGateway)
              .Text("answeredFrom", answer.from)
              .Int("answeredPort", answer.fromPort)
-             .Done() +
+             .Bool("possiblyCut", answer.possiblyCut)
+             .Pretty(0) +
          "\n";
 }
 
 std::string HostInfoText(const HostInfo &host) {
   std::vector<std::vector<std::string>> rows = {
       {"host name", Printable(host.hostname)},
+      {"interface", host.interfaceName.empty() ? "-" : Printable(host.interfaceName)},
       {"address", host.address},
       {"net mask", host.netmask},
       {"broadcast", host.broadcast},
@@ -408,17 +517,30 @@ std::string HostInfoJson(const HostInfo &host) {
   std::vector<std::string> hardware;
   for (const auto &entry : host.hardware) {
     hardware.push_back(
-        JsonObject(4).Text("interface", entry.first).Text("mac", entry.second).Done());
+        JsonObject().Text("interface", entry.first).Text("mac", entry.second).Pretty(4));
   }
-  return JsonObject(0)
+  return JsonObject()
              .Text("hostname", host.hostname)
+             .TextOrNull("interface", host.interfaceName)
              .Text("address", host.address)
              .Text("netmask", host.netmask)
              .Text("broadcast", host.broadcast)
              .Text("gateway", host.gateway)
              .Raw("interfaces", JsonArray(hardware, 2))
-             .Done() +
+             .Pretty(0) +
          "\n";
+}
+
+std::string ErrorJson(const ErrorReport &error, bool oneLine) {
+  JsonObject object;
+  object.Text("error", error.text)
+      .Text("kind", error.kind)
+      .TextOrNull("function", error.function)
+      .Raw("code", error.code == 0 ? "null" : JsonString(CodeHex(error.code)))
+      .Text("meaning", error.meaning)
+      .TextOrNull("system", error.system)
+      .Int("exitStatus", error.exitStatus);
+  return (oneLine ? object.Compact() : object.Pretty(0)) + "\n";
 }
 
 } // namespace kivnet

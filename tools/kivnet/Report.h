@@ -20,12 +20,28 @@ std::string JsonString(const std::string &bytes);
 // "\\"; control characters, DEL and bytes that are not valid UTF-8 become "\xNN".
 std::string Printable(const std::string &bytes);
 
-// The devices as a table (address, MAC, name, first product, ports), then a summary line and
-// one line for each answer that could not be read.
-std::string DiscoveryTable(const Discovery &discovery);
+// The discovery listing, printed as devices answer: the header line, one row per device
+// (address, MAC, name, first product, number of ports; fixed column widths), and the summary
+// line ("3 devices in 2.0 s", "no device answered in 2.0 s", with repeats and unreadable
+// answers counted).
+std::string DiscoveryHeader();
+std::string DiscoveryRow(const FoundDevice &device);
+std::string DiscoverySummary(const Discovery &discovery);
 
-// {"devices": [...], "unreadable": [...], "datagrams": n, "duplicates": n, "seconds": s}.
+// One line for standard error about an answer that could not be read, or that filled the
+// receive limit.
+std::string UnreadLine(const UnreadAnswer &answer);
+std::string PossiblyCutLine(const std::string &from, int port);
+
+// {"devices": [...], "unreadable": [...], "datagrams": n, "duplicates": n, "limitReached": b,
+// "seconds": s}.
 std::string DiscoveryJson(const Discovery &discovery);
+
+// One-line objects of --json-lines: {"kind": "device", "device": {...}}, {"kind":
+// "unreadable", "unreadable": {...}} and, last, {"kind": "summary", ...}.
+std::string DeviceJsonLine(const FoundDevice &device);
+std::string UnreadJsonLine(const UnreadAnswer &answer);
+std::string SummaryJsonLine(const Discovery &discovery);
 
 std::string PingText(const PingAnswer &answer);
 std::string PingJson(const PingAnswer &answer);
@@ -39,6 +55,22 @@ std::string ConfigJson(const ConfigAnswer &answer, const std::string &mac);
 
 std::string HostInfoText(const HostInfo &host);
 std::string HostInfoJson(const HostInfo &host);
+
+// A failure as the JSON error object gives it.
+struct ErrorReport {
+  std::string text;     // the error line without "kivnet: COMMAND: "
+  std::string kind;     // "call-failed", "no-answer", "unreadable-answer", "cut-short", ...
+  std::string function; // the exported function that failed, or ""
+  UInt32 code = 0;      // its result code, 0 when none
+  std::string meaning;  // what the code means, or what the kind means
+  std::string system;   // the system's reason, or ""
+  int exitStatus = 1;
+};
+
+// {"error": ..., "kind": ..., "function": ..., "code": "0x........", "meaning": ..., "system":
+// ..., "exitStatus": n}; function, code and system are null when not known. One line when
+// `oneLine`, else one member a line.
+std::string ErrorJson(const ErrorReport &error, bool oneLine);
 
 } // namespace kivnet
 

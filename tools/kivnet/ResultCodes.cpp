@@ -1,13 +1,25 @@
-// Readable text for the library's result codes. The tables repeat the numbers the library
-// documents for its functions, classes and errors; tests/tools/KivnetResultCodesTest.cpp checks
-// each code family against the library's own constants.
+// Readable text for the library's result codes. Every number comes from the library's public
+// headers (function numbers, class and member numbers, error values), so the texts follow the
+// library when it changes.
 #include "tools/kivnet/ResultCodes.h"
 
 #include <cstdio>
 
+#include "Asm_Deasm/KivHBN3Disassembler.h"
+#include "CommonFiles/KivNetBuffer.h"
+#include "Exceptions/KivSocketExceptions.h"
+#include "Exceptions/KivWrapperException.h"
+#include "HBN3/KivHBN3Header.h"
+#include "HBN3/KivHBN3PayLoad.h"
+#include "HCP/KivHCPConfigHeader.h"
+#include "HCP/KivHCPDiscoveryHeader.h"
+#include "Interfaces/KivCallFrame.h"
+
 namespace kivnet {
 
 namespace {
+
+using namespace kiv::frame;
 
 struct Named {
   UInt32 number;
@@ -16,130 +28,152 @@ struct Named {
 
 // Exported code-returning functions by their number NN (bits 15-8 of 0x0A09NNKK).
 const Named kFunctions[] = {
-    {0x05, "CreateDiscovery"},
-    {0x06, "CreatePing"},
-    {0x07, "CreateStatusCacheRequest"},
-    {0x08, "CreateHostListEntry"},
-    {0x09, "CreateRequestScan"},
-    {0x0A, "CreateRequestScanReply"},
-    {0x0B, "CreateIPConfig"},
-    {0x0C, "ParseHCPResponse"},
-    {0x0D, "ParsePingResponse"},
-    {0x0E, "ParseRequestScanResponse"},
-    {0x0F, "ParseHostListEntryResponse"},
-    {0x10, "ParseStatusCacheResponse"},
-    {0x11, "GetHeaderType"},
-    {0x12, "GetCommandType"},
-    {0x14, "SendTo"},
-    {0x15, "RecvFrom"},
-    {0x16, "CloseUDPSocket"},
-    {0x17, "SetSocketOptions"},
-    {0x18, "BindUDPSocket"},
-    {0x19, "GetAddressPort"},
-    {0x1B, "Write"},
-    {0x1C, "WriteManaged"},
-    {0x1D, "Read"},
-    {0x1E, "ReadManaged"},
-    {0x1F, "RegisterReadCallback"},
-    {0x20, "CloseTCPSocket"},
-    {0x21, "GetSocketID"},
-    {0x26, "RevitalizeSocket"},
-    {0x35, "ParseRequestScan"},
+    {kFnCreateDiscovery, "CreateDiscovery"},
+    {kFnCreatePing, "CreatePing"},
+    {kFnCreateStatusCacheRequest, "CreateStatusCacheRequest"},
+    {kFnCreateHostListEntry, "CreateHostListEntry"},
+    {kFnCreateRequestScan, "CreateRequestScan"},
+    {kFnCreateRequestScanReply, "CreateRequestScanReply"},
+    {kFnCreateIPConfig, "CreateIPConfig"},
+    {kFnParseHCPResponse, "ParseHCPResponse"},
+    {kFnParsePingResponse, "ParsePingResponse"},
+    {kFnParseRequestScanResponse, "ParseRequestScanResponse"},
+    {kFnParseHostListEntryResponse, "ParseHostListEntryResponse"},
+    {kFnParseStatusCacheResponse, "ParseStatusCacheResponse"},
+    {kFnGetHeaderType, "GetHeaderType"},
+    {kFnGetCommandType, "GetCommandType"},
+    {kFnSendTo, "SendTo"},
+    {kFnRecvFrom, "RecvFrom"},
+    {kFnCloseUDPSocket, "CloseUDPSocket"},
+    {kFnSetSocketOptions, "SetSocketOptions"},
+    {kFnBindUDPSocket, "BindUDPSocket"},
+    {kFnGetAddressPort, "GetAddressPort"},
+    {kFnWrite, "Write"},
+    {kFnWriteManaged, "WriteManaged"},
+    {kFnRead, "Read"},
+    {kFnReadManaged, "ReadManaged"},
+    {kFnRegisterReadCallback, "RegisterReadCallback"},
+    {kFnCloseTCPSocket, "CloseTCPSocket"},
+    {kFnGetSocketID, "GetSocketID"},
+    {kFnRevitalizeSocket, "RevitalizeSocket"},
+    {kFnParseRequestScan, "ParseRequestScan"},
 };
 
 // Failure kinds KK of the interface layer.
-const char *const kKinds[] = {
-    "general failure (no builder or parser for the header type, or an unexpected exception)",
-    "invalid buffer handle",
-    "invalid socket handle",
-    "invalid address handle",
-    "socket kind or option not served by this function",
+const Named kKinds[] = {
+    {kKindGeneral, "general failure (no builder or parser for the header type, or an unexpected "
+                   "exception)"},
+    {kKindBadBuffer, "invalid buffer handle"},
+    {kKindBadSocket, "invalid socket handle"},
+    {kKindBadAddress, "invalid address handle"},
+    {kKindUnsupported, "socket kind or option not served by this function"},
 };
 
-// Message-layer classes by their number (bits 23-16).
+// What failed in the message layer, by class number + member function number (bits 23-8 of the
+// code), said in terms of the message rather than the class that reads or writes it.
+const Named kMembers[] = {
+    {kClassHBN3Header + KivHBN3Header::kFnSetDataHeader, "an HBN3 header could not be read"},
+    {kClassHBN3Header + KivHBN3Header::kFnGetDataHeader, "an HBN3 header could not be written"},
+    {kClassHBN3Header + KivHBN3Header::kFnGetPayload, "an HBN3 payload could not be written"},
+    {kClassHBN3ScanHostPayLoad + KivHBN3ScanHostPayLoad::kFnConstructor,
+     "the host-list entry could not be made"},
+    {kClassHBN3ScanHostPayLoad + KivHBN3ScanHostPayLoad::kFnGetDataPayload,
+     "the host-list entry could not be written"},
+    {kClassHBN3StatusCacheResponsePayload + KivHBN3StatusCacheResponsePayload::kFnConstructor,
+     "the status answer's payload could not be read"},
+    {kClassHBN3StatusCacheResponsePayload + KivHBN3StatusCacheResponsePayload::kFnGetStrAdapterUAA,
+     "the status answer's adapter MAC address could not be read"},
+    {kClassHBN3StatusCacheResponsePayload +
+         KivHBN3StatusCacheResponsePayload::kFnGetIPAddressString,
+     "the status answer's adapter address could not be read"},
+    {kClassHBN3StatusCacheResponsePayload + KivHBN3StatusCacheResponsePayload::kFnGetDataPayload,
+     "the status answer's status bytes could not be read"},
+    {kClassHCPConfigHeader + KivHCPConfigHeader::kFnGetDataHeader,
+     "the configuration message could not be written"},
+    {kClassHCPConfigHeader + KivHCPConfigHeader::kFnSetDestUAA,
+     "the configuration message's MAC address could not be set"},
+    {kClassHCPConfigHeader + KivHCPConfigHeader::kFnSetEncryptedPassword,
+     "the configuration message's password could not be set"},
+    {kClassHCPConfigHeader + KivHCPConfigHeader::kFnSetConfigTextRecord,
+     "the configuration message's address lines could not be set"},
+    {kClassHCPConfigText + KivHCPConfigText::kFnGetHCPConfigText,
+     "the configuration message's address lines could not be written"},
+    {kClassHCPDiscoveryHeader + KivHCPDiscoveryHeader::kFnGetDataHeader,
+     "the discovery query could not be written"},
+    {kClassHBN3Disassembler + KivHBN3Disassembler::kFnSetMessage,
+     "the received message could not be taken for reading"},
+    {kClassHBN3Disassembler + KivHBN3Disassembler::kFnParseHCPResponse,
+     "the HCP answer could not be read"},
+    {kClassHBN3Disassembler + KivHBN3Disassembler::kFnParseStatusCacheResponse,
+     "the status answer could not be read"},
+    {kClassHBN3Disassembler + KivHBN3Disassembler::kFnParseHostListEntryResponse,
+     "the host-list answer could not be read"},
+    {kClassHBN3Disassembler + KivHBN3Disassembler::kFnParsePingResponse,
+     "the ping answer could not be read"},
+    {kClassHBN3Disassembler + KivHBN3Disassembler::kFnParseRequestScanResponse,
+     "the request-scan answer could not be read"},
+    {kClassHBN3Disassembler + KivHBN3Disassembler::kFnParseRequestScan,
+     "the scan request could not be read"},
+    {kClassHBN3Disassembler + KivHBN3Disassembler::kFnCopyData,
+     "a value of the HCP answer could not be cut out"},
+    {kClassNetBuffer + KivNetBuffer::kFnGetBuffer, "a message container could not be read"},
+    {kClassNetBuffer + KivNetBuffer::kFnSetBuffer, "a message container could not be filled"},
+    {kClassNetBuffer + KivNetBuffer::kFnExtractFromBuffer,
+     "bytes could not be taken from a message container"},
+    {kClassNetBuffer + KivNetBuffer::kFnInsertIntoBuffer,
+     "bytes could not be added to a message container"},
+};
+
+// The class numbers of the message layer, for a member the table above does not know.
 const Named kClasses[] = {
-    {0x01, "KivHBN3Header"},
-    {0x02, "KivHBN3ScanHostPayLoad"},
-    {0x03, "KivHBN3StatusCacheResponsePayload"},
-    {0x04, "KivHCPConfigHeader"},
-    {0x05, "KivHCPConfigText"},
-    {0x06, "KivHCPDiscoveryHeader"},
-    {0x07, "KivHBN3Disassembler"},
-    {0x08, "KivNetBuffer"},
+    {kClassHBN3Header, "HBN3 header"},
+    {kClassHBN3ScanHostPayLoad, "host-list entry"},
+    {kClassHBN3StatusCacheResponsePayload, "status answer payload"},
+    {kClassHCPConfigHeader, "configuration message"},
+    {kClassHCPConfigText, "configuration address lines"},
+    {kClassHCPDiscoveryHeader, "discovery query"},
+    {kClassHBN3Disassembler, "answer parser"},
+    {kClassNetBuffer, "message container"},
 };
 
-// Throwing members of the message-layer classes: class number, function number (bits 15-8).
-struct Member {
-  UInt32 classNumber;
-  UInt32 function;
-  const char *name;
-};
-const Member kMembers[] = {
-    {0x01, 0x05, "SetDataHeader"},
-    {0x01, 0x06, "GetDataHeader"},
-    {0x01, 0x09, "GetPayload"},
-    {0x02, 0x01, "KivHBN3ScanHostPayLoad"},
-    {0x02, 0x03, "GetDataPayload"},
-    {0x03, 0x01, "KivHBN3StatusCacheResponsePayload"},
-    {0x03, 0x03, "GetStrAdapterUAA"},
-    {0x03, 0x04, "GetIPAddressString"},
-    {0x03, 0x08, "GetDataPayload"},
-    {0x04, 0x05, "GetDataHeader"},
-    {0x04, 0x07, "SetDestUAA"},
-    {0x04, 0x09, "SetEncryptedPassword"},
-    {0x04, 0x0A, "SetConfigTextRecord"},
-    {0x05, 0x07, "GetHCPConfigText"},
-    {0x06, 0x01, "GetDataHeader"},
-    {0x07, 0x04, "SetMessage"},
-    {0x07, 0x07, "ParseHCPResponse"},
-    {0x07, 0x08, "ParseStatusCacheResponse"},
-    {0x07, 0x09, "ParseHostListEntryResponse"},
-    {0x07, 0x0A, "ParsePingResponse"},
-    {0x07, 0x0B, "ParseRequestScanResponse"},
-    {0x07, 0x0C, "ParseRequestScan"},
-    {0x07, 0x0D, "copyData"},
-    {0x08, 0x04, "GetBuffer"},
-    {0x08, 0x05, "SetBuffer"},
-    {0x08, 0x0B, "ExtractFromBuffer"},
-    {0x08, 0x0C, "InsertIntoBuffer"},
+// Message-layer errors by value (the code's low byte minus 0xA0).
+const Named kWrapperErrors[] = {
+    {BUFFER_NULL, "BUFFER_NULL"},
+    {BUFFER_SIZE_ERROR, "BUFFER_SIZE_ERROR"},
+    {COPY_ERROR, "COPY_ERROR"},
+    {PARSE_ERROR, "PARSE_ERROR"},
+    {MESSAGE_OBJ_NULL, "MESSAGE_OBJ_NULL"},
+    {INVALID_HDR_TYPE, "INVALID_HDR_TYPE"},
+    {INVALID_RESPONSE, "INVALID_RESPONSE"},
+    {BUFFER_ERROR, "BUFFER_ERROR"},
 };
 
-// Message-layer errors by value (bits 7-0 minus 0xA0).
-const char *const kWrapperErrors[] = {
-    nullptr,
-    "BUFFER_NULL, a null buffer",
-    "BUFFER_SIZE_ERROR, a room or message too small for the layout",
-    "COPY_ERROR, a copy failed or the message could not be parsed",
-    "PARSE_ERROR, the message could not be parsed",
-    "MESSAGE_OBJ_NULL, no message object",
-    "INVALID_HDR_TYPE, invalid header type",
-    "INVALID_RESPONSE, invalid response",
-    "BUFFER_ERROR, buffer error",
+// Socket-layer errors by value (the code's low byte minus 0xB0).
+const Named kSocketErrors[] = {
+    {REUSE_PORT_ERROR, "address or port reuse refused (REUSE_PORT_ERROR)"},
+    {BROADCAST_NOT_PERMITTED_ERROR, "broadcast switch refused (BROADCAST_NOT_PERMITTED_ERROR)"},
+    {NODELAY_NOT_PERMITTED_ERROR, "no-delay refused (NODELAY_NOT_PERMITTED_ERROR)"},
+    {UNKNOWN_ERROR, "no descriptor could be made, or the socket is closed (UNKNOWN_ERROR)"},
+    {BIND_UDP_ERROR, "the UDP bind failed (BIND_UDP_ERROR)"},
+    {RECVFROM_ERROR, "the receive failed or timed out (RECVFROM_ERROR)"},
+    {SENDTO_ERROR, "the send failed (SENDTO_ERROR)"},
+    {UNKNOWN_UDP_ERROR, "UDP failure (UNKNOWN_UDP_ERROR)"},
+    {CONNECT_ERROR, "the connection failed (CONNECT_ERROR)"},
+    {CLIENT_RECV_ERROR, "receive on a channel failed (CLIENT_RECV_ERROR)"},
+    {CLIENT_SEND_ERROR, "send on a channel failed (CLIENT_SEND_ERROR)"},
+    {UNKNOWN_TCP_ERROR, "TCP failure (UNKNOWN_TCP_ERROR)"},
+    {BIND_TCP_ERROR, "the TCP bind failed (BIND_TCP_ERROR)"},
+    {LISTEN_ERROR, "listen failed (LISTEN_ERROR)"},
+    {ACCEPT_ERROR, "accept failed (ACCEPT_ERROR)"},
+    {SERVER_RECV_ERROR, "receive on a server socket failed (SERVER_RECV_ERROR)"},
+    {SERVER_SEND_ERROR, "send on a server socket failed (SERVER_SEND_ERROR)"},
+    {GETSOCKOPT_FAILED, "a socket option could not be read or set (GETSOCKOPT_FAILED)"},
+    {SELECT_ERROR, "a readiness wait failed (SELECT_ERROR)"},
 };
 
-// Socket-layer errors by value (bits 7-0 minus 0xB0).
-const char *const kSocketErrors[] = {
-    nullptr,
-    "REUSE_PORT_ERROR, address or port reuse refused",
-    "BROADCAST_NOT_PERMITTED_ERROR, broadcast switch refused",
-    "NODELAY_NOT_PERMITTED_ERROR, no-delay refused",
-    "UNKNOWN_ERROR, no descriptor could be made, or the socket is closed",
-    "BIND_UDP_ERROR, the UDP bind failed",
-    "RECVFROM_ERROR, the receive failed or timed out",
-    "SENDTO_ERROR, the send failed",
-    "UNKNOWN_UDP_ERROR, UDP failure",
-    "CONNECT_ERROR, the connection failed",
-    "CLIENT_RECV_ERROR, receive on a channel failed",
-    "CLIENT_SEND_ERROR, send on a channel failed",
-    "UNKNOWN_TCP_ERROR, TCP failure",
-    "BIND_TCP_ERROR, the TCP bind failed",
-    "LISTEN_ERROR, listen failed",
-    "ACCEPT_ERROR, accept failed",
-    "SERVER_RECV_ERROR, receive on a server socket failed",
-    "SERVER_SEND_ERROR, send on a server socket failed",
-    "GETSOCKOPT_FAILED, a socket option could not be read or set",
-    "SELECT_ERROR, a readiness wait failed",
-};
+// Offsets of the error values in a code's low byte.
+constexpr UInt32 kWrapperErrorBase = 0xA0;
+constexpr UInt32 kSocketErrorBase = 0xB0;
 
 template <std::size_t N> const char *Find(const Named (&table)[N], UInt32 number) {
   for (const Named &entry : table) {
@@ -165,29 +199,28 @@ std::string DescribeInterfaceCode(UInt32 code) {
   if (name.empty()) {
     name = "function " + Hex2(function) + " (unknown)";
   }
-  if (kind >= sizeof kKinds / sizeof kKinds[0]) {
+  const char *meaning = Find(kKinds, kind);
+  if (meaning == nullptr) {
     return name + ": failure kind " + Hex2(kind) + " (unknown)";
   }
-  return name + ": " + kKinds[kind];
+  return name + ": " + meaning;
 }
 
 std::string DescribeWrapperCode(UInt32 code) {
-  const UInt32 classNumber = (code >> 16) & 0xFF;
-  const UInt32 function = (code >> 8) & 0xFF;
-  const UInt32 error = code & 0xFF;
+  const UInt32 classNumber = code & 0x00FF0000u;
+  const UInt32 member = code & 0x00FFFF00u;
+  const UInt32 low = code & 0xFF;
   const char *className = Find(kClasses, classNumber);
-  if (className == nullptr || error <= 0xA0 || error - 0xA0 >= 9) {
+  const char *error =
+      low > kWrapperErrorBase ? Find(kWrapperErrors, low - kWrapperErrorBase) : nullptr;
+  if (className == nullptr || error == nullptr) {
     return kNotACode;
   }
-  std::string where = className;
-  const char *member = nullptr;
-  for (const Member &entry : kMembers) {
-    if (entry.classNumber == classNumber && entry.function == function) {
-      member = entry.name;
-    }
-  }
-  where += member != nullptr ? std::string("::") + member : " function " + Hex2(function);
-  return where + ": " + kWrapperErrors[error - 0xA0];
+  const char *what = Find(kMembers, member);
+  const std::string where =
+      what != nullptr ? what
+                      : std::string(className) + " function " + Hex2(member >> 8) + " failed";
+  return where + " (" + error + ")";
 }
 
 } // namespace
@@ -207,22 +240,21 @@ std::string DescribeCode(UInt32 code) {
   if (code == 0) {
     return "success";
   }
-  if ((code & 0xFFFF0000u) == 0x0A090000u) {
+  if ((code & 0xFFFF0000u) == kInterfaceCodeBase) {
     return DescribeInterfaceCode(code);
   }
-  const UInt32 source = (code >> 16) & 0xFF;
-  if ((code & 0xFF000000u) != 0x0A000000u) {
+  if ((code & 0xFF000000u) != kExceptionCodeBase) {
     return kNotACode;
   }
-  if (source >= 0x01 && source <= 0x08) {
+  const UInt32 source = (code >> 16) & 0xFF;
+  if (source != 0) {
     return DescribeWrapperCode(code);
   }
-  const UInt32 error = code & 0xFF;
-  if (source == 0x00 && (code & 0xFF00u) == 0 && error > 0xB0 &&
-      error - 0xB0 < sizeof kSocketErrors / sizeof kSocketErrors[0]) {
-    return std::string("socket layer: ") + kSocketErrors[error - 0xB0];
-  }
-  return kNotACode;
+  const UInt32 low = code & 0xFF;
+  const char *error = (code & 0xFF00u) == 0 && low > kSocketErrorBase
+                          ? Find(kSocketErrors, low - kSocketErrorBase)
+                          : nullptr;
+  return error != nullptr ? error : kNotACode;
 }
 
 } // namespace kivnet

@@ -13,11 +13,11 @@ std::string CodeHex(UInt32 code);
 
 // What a result code means, without the code itself:
 //   0x0A09NNKK  "<function>: <kind>", e.g. "SendTo: invalid buffer handle";
-//   0x0A01xxxx-0x0A08xxxx  "<class>::<member>: <error>", e.g. "KivHBN3Disassembler::
-//               ParseHCPResponse: COPY_ERROR, a copy failed or the message could not be parsed";
-//               an unknown member is named by its number ("KivNetBuffer function 0x0E");
-//   0x0A0000B1-0x0A0000C3  "socket layer: <error>", e.g. "socket layer: RECVFROM_ERROR, the
-//               receive failed or timed out";
+//   0x0A01xxxx-0x0A08xxxx  what failed, in terms of the message, and the error's name, e.g.
+//               "the status answer could not be read (COPY_ERROR)"; a member the tool does not
+//               know is named by its part and number ("message container function 0x0E failed");
+//   0x0A0000B1-0x0A0000C3  the socket layer's error, e.g. "the receive failed or timed out
+//               (RECVFROM_ERROR)";
 //   0  "success"; anything else "not a KivNetworkComm result code".
 std::string DescribeCode(UInt32 code);
 
