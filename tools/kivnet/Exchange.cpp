@@ -45,8 +45,8 @@ constexpr UInt32 kConfigurationAnswer = kCmdReplyFlag | kHCPConfigCommand;
 // The status answer: the HBN3 header, then the payload's fixed part, whose bytes 12-15 declare
 // how many status bytes follow.
 constexpr int kStatusFixedEnd =
-    KivHBN3Header::kHeaderLength + KivHBN3StatusCacheResponsePayload::kFixedLength;
-constexpr int kOffStatusLength = KivHBN3Header::kHeaderLength + 12;
+    kHBN3HeaderLength + KivHBN3StatusCacheResponsePayload::kFixedLength;
+constexpr int kOffStatusLength = kHBN3HeaderLength + 12;
 
 // The configuration answer names the device at bytes 6-11, where the configuration message
 // carried it, and holds the device's result byte at byte 26.
@@ -353,10 +353,10 @@ Judgement JudgeHBN3(const Datagram &datagram, const Message &area, const std::st
     return Judged(Verdict::kOther);
   }
   const std::string prefix = device + " sent " + Plural(datagram.bytes.size(), "byte", "bytes");
-  if (datagram.bytes.size() < static_cast<std::size_t>(KivHBN3Header::kHeaderLength)) {
+  if (datagram.bytes.size() < static_cast<std::size_t>(kHBN3HeaderLength)) {
     return Judged(Verdict::kUnreadable,
                   Fail(FailureKind::kUnreadable, prefix + ", fewer than an HBN3 header's " +
-                                                     std::to_string(KivHBN3Header::kHeaderLength)));
+                                                     std::to_string(kHBN3HeaderLength)));
   }
   if (GetHeaderType(area.handle()) != kHeaderTypeHBN3) {
     return Judged(Verdict::kUnreadable,

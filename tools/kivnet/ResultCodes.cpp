@@ -72,6 +72,7 @@ const Named kKinds[] = {
 // What failed in the message layer, by class number + member function number (bits 23-8 of the
 // code), said in terms of the message rather than the class that reads or writes it.
 const Named kMembers[] = {
+    {kClassHBN3Header + KivHBN3Header::kFnConstructor, "an HBN3 message could not be made"},
     {kClassHBN3Header + KivHBN3Header::kFnSetDataHeader, "an HBN3 header could not be read"},
     {kClassHBN3Header + KivHBN3Header::kFnGetDataHeader, "an HBN3 header could not be written"},
     {kClassHBN3Header + KivHBN3Header::kFnGetPayload, "an HBN3 payload could not be written"},
