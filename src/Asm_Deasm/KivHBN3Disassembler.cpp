@@ -316,9 +316,6 @@ class HcpAnswerReader {
 public:
   HcpAnswerReader(KivHBN3Disassembler &parser, std::string_view text)
       : mParser(parser), mText(text) {
-    for (size_t i = 0; i < kHcpItemCount; ++i) {
-      mPositions[i] = mText.find(kHcpItems[i].key);
-    }
     for (DeviceSpecific &slot : mSlots) {
       slot.iFlag = 0;
       slot.iPortInfo = 0;
@@ -328,6 +325,13 @@ public:
   // Reads the items a configuration answer carries too (`configurationItems`), or the others,
   // into `rec`. Fails before reading any of them when one is missing.
   void ReadItems(bool configurationItems, KivNetRecord &rec) {
+    // Only the keys of the items to read are looked for: a configuration answer is never searched
+    // for the discovery answer's.
+    for (size_t i = 0; i < kHcpItemCount; ++i) {
+      if (kHcpItems[i].inConfigurationAnswer == configurationItems) {
+        mPositions[i] = mText.find(kHcpItems[i].key);
+      }
+    }
     for (size_t i = 0; i < kHcpItemCount; ++i) {
       if (kHcpItems[i].inConfigurationAnswer == configurationItems && mPositions[i] == npos) {
         FailHCP();
@@ -461,8 +465,8 @@ private:
   }
 
   KivHBN3Disassembler &mParser;
-  const std::string_view mText; // the held message
-  size_t mPositions[kHcpItemCount];
+  const std::string_view mText;          // the held message
+  size_t mPositions[kHcpItemCount] = {}; // where each key was found, once looked for
   DeviceSpecific mSlots[kPortSlots];
 };
 
