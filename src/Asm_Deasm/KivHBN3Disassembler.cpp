@@ -2,7 +2,6 @@
 #include "Asm_Deasm/KivHBN3Disassembler.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -77,11 +76,11 @@ std::string ConvertMacUaa(const std::string &value) {
   KivNetHelperUtils helper;
   unsigned char bytes[KivNetHelperUtils::kMacLength];
   helper.ConvertCharStrToHexVal(digits, bytes);
-  char out[sizeof "ET" + 2 * KivNetHelperUtils::kMacLength];
-  std::snprintf(out, sizeof out, "ET%02x%02x%02x%02x%02x%02x", ReverseBits(bytes[0]),
-                ReverseBits(bytes[1]), ReverseBits(bytes[2]), ReverseBits(bytes[3]),
-                ReverseBits(bytes[4]), ReverseBits(bytes[5]));
-  return std::string(out);
+  for (unsigned char &b : bytes) {
+    b = ReverseBits(b);
+  }
+  char out[2 + 2 * KivNetHelperUtils::kMacLength] = {'E', 'T'};
+  return std::string(out, kiv::WriteLowerHex(out + 2, bytes, sizeof bytes));
 }
 
 } // namespace
