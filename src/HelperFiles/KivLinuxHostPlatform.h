@@ -2,6 +2,8 @@
 #ifndef KIV_HELPERFILES_KIVLINUXHOSTPLATFORM_H
 #define KIV_HELPERFILES_KIVLINUXHOSTPLATFORM_H
 
+#include <string>
+
 #include "HelperFiles/KivHostPlatform.h"
 
 namespace kiv {
@@ -18,6 +20,13 @@ public:
   std::string AddressToText(UInt32 address) const override;
   bool GetLinkAddresses(std::vector<KivLinkAddress> &list) const override;
 };
+
+// The default route of lowest metric in a route table written as /proc/net/route writes it (a
+// title line, then one route a line: interface, destination, gateway, flags, reference count, use,
+// metric, mask, ...): its interface name and its gateway in network byte order. False when the
+// file cannot be opened or lists no default route that is up. The platform reads
+// /proc/net/route with it; tests hand it tables of their own.
+bool ReadDefaultRoute(const char *path, std::string &interfaceName, UInt32 &gateway);
 
 // The process's one Linux platform object.
 const KivHostPlatform &LinuxHostPlatform();
