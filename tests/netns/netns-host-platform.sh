@@ -51,7 +51,7 @@ check() {
   ip netns exec "$ns" ip -4 addr show dev a0 | sed -n 's/^ *inet /   inet /p'
   ip netns exec "$ns" ip -4 route show default | sed 's/^/   route /'
   if ! KIV_EXPECTED_DEFAULT_INTERFACE="$2" ip netns exec "$ns" timeout 30 "$test_program" \
-    --gtest_filter='LinuxHostPlatformTest.*' >"$workdir/log" 2>&1; then
+    --gtest_filter='LinuxHostPlatformTest.DefaultInterfaceIsTheMachinesOwnReading' >"$workdir/log" 2>&1; then
     cat "$workdir/log"
     echo "FAILED: $1"
     failed=1

@@ -10,6 +10,7 @@
 #include <ifaddrs.h>
 #include <net/route.h>
 #include <netinet/in.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -151,7 +152,8 @@ TEST(LinuxHostPlatformTest, RouteTableIsReadAsAStreamReadsIt) {
       titles,
       "",
   };
-  const std::string path = testing::TempDir() + "kiv-route-table";
+  // The process number keeps parallel runs of this test apart.
+  const std::string path = testing::TempDir() + "kiv-route-table-" + std::to_string(getpid());
   int defaults = 0;
   for (const std::string &table : cases) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << table;
