@@ -10,9 +10,11 @@ namespace kiv {
 
 // Reads the system's state afresh on every call; holds nothing, so one object serves every thread.
 //  - Default interface: the IPv4 default route with the lowest metric in /proc/net/route (main
-//    routing table), and that interface's IPv4 address and mask from getifaddrs. When the
-//    interface has several addresses, the one whose subnet holds the gateway is taken, else the
-//    first. The broadcast address is the subnet's: address OR NOT mask.
+//    routing table), and that interface's IPv4 address and mask from the kernel's IPv4 address
+//    list (one request on the routing socket; the entries and order getifaddrs gives, an address
+//    with an alias label belonging to the alias's name). When the interface has several
+//    addresses, the one whose subnet holds the gateway is taken, else the first. The broadcast
+//    address is the subnet's: address OR NOT mask. Nothing is allocated.
 //  - Hardware addresses: the AF_PACKET entries of getifaddrs.
 class KivLinuxHostPlatform : public KivHostPlatform {
 public:

@@ -48,7 +48,7 @@ failed=0
 # check NAME EXPECTED: runs the test in the namespace as it is set up now.
 check() {
   echo "== $1: expecting $2"
-  ip netns exec "$ns" ip -4 addr show dev a0 | sed -n 's/^ *inet /   inet /p'
+  ip netns exec "$ns" ip -4 addr show dev a0 | sed -n 's/^ *inet /   inet /p' | head -n 5
   ip netns exec "$ns" ip -4 route show default | sed 's/^/   route /'
   if ! KIV_EXPECTED_DEFAULT_INTERFACE="$2" ip netns exec "$ns" timeout 30 "$test_program" \
     --gtest_filter='LinuxHostPlatformTest.DefaultInterfaceIsTheMachinesOwnReading' >"$workdir/log" 2>&1; then
@@ -98,6 +98,15 @@ ip -n "$ns" addr add 10.3.3.3/8 dev b0
 ip -n "$ns" route add default via 10.1.1.1 dev a0 metric 20
 ip -n "$ns" route add default via 10.3.3.1 dev b0 metric 10
 check "lowest metric on the other interface" "10.3.3.3 255.0.0.0 10.3.3.1"
+
+reset
+# More addresses than one reply of the kernel holds; the one that holds the gateway comes last.
+for x in $(seq 0 199); do
+  echo "addr add 10.50.$x.1/24 dev a0"
+done >"$workdir/addresses"
+ip -n "$ns" -batch "$workdir/addresses"
+ip -n "$ns" route add default via 10.50.199.254 dev a0
+check "200 addresses" "10.50.199.1 255.255.255.0 10.50.199.254"
 
 [ "$failed" -eq 0 ] || exit 1
 echo "passed"
