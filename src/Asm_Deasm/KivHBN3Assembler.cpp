@@ -2,10 +2,13 @@
 #include "Asm_Deasm/KivHBN3Assembler.h"
 
 #include <cstdint>
-#include <vector>
+#include <cstring>
+#include <utility>
 
 #include "Common/Constants/KivCommunicationConstants.h"
+#include "CommonFiles/KivOwnedBlock.h"
 #include "CommonFiles/KivWireBytes.h"
+#include "Exceptions/KivWrapperException.h"
 #include "HBN3/KivHBN3Header.h"
 #include "HBN3/KivHBN3PayLoad.h"
 #include "HCP/KivHCPConfigHeader.h"
@@ -13,21 +16,33 @@
 
 namespace {
 
-typedef std::vector<unsigned char> Bytes;
+// The block a message of `length` bytes is written into, zero-filled so that no byte a wire class
+// leaves alone carries stale memory. It becomes the returned container's storage as it is, so the
+// message is written once and never copied; no memory for it is the container's COPY_ERROR, as
+// storing a message would report it.
+kiv::OwnedBlock MessageBlock(int length) {
+  const size_t size = static_cast<size_t>(length);
+  kiv::OwnedBlock block = kiv::NewBlock(size, kClassNetBuffer, KivNetBuffer::kFnSetBuffer);
+  std::memset(block.get(), 0, size);
+  return block;
+}
 
-// A new container holding `message`. The container's copy is the caller's to release; the
-// working bytes go with the vector.
-KivNetBuffer Store(const Bytes &message) {
+// A new container holding `block` of `length` bytes; its storage is the caller's to release.
+KivNetBuffer Store(kiv::OwnedBlock block, int length) {
   KivNetBuffer buffer;
-  buffer.SetBuffer(message.data(), static_cast<int>(message.size()));
+  // A message of no bytes leaves the container empty, as storing no bytes does.
+  if (length > 0) {
+    buffer.AdoptBlock(std::move(block), length);
+  }
   return buffer;
 }
 
 // The whole message of an HBN3 header, with the payload it holds.
 KivNetBuffer StoreHBN3(KivHBN3Header &header) {
-  Bytes message(static_cast<size_t>(kHBN3HeaderLength + header.GetPayloadSize()));
-  header.GetDataStream(message.data(), static_cast<int>(message.size()));
-  return Store(message);
+  const int length = kHBN3HeaderLength + header.GetPayloadSize();
+  kiv::OwnedBlock message = MessageBlock(length);
+  header.GetDataStream(message.get(), length);
+  return Store(std::move(message), length);
 }
 
 } // namespace
@@ -36,9 +51,10 @@ KivHBN3Assembler::~KivHBN3Assembler() = default;
 
 KivNetBuffer KivHBN3Assembler::CreateDiscover() {
   KivHCPDiscoveryHeader query;
-  Bytes message(static_cast<size_t>(query.GetHeaderLength()));
-  query.GetDataHeader(message.data(), static_cast<int>(message.size()));
-  return Store(message);
+  const int length = query.GetHeaderLength();
+  kiv::OwnedBlock message = MessageBlock(length);
+  query.GetDataHeader(message.get(), length);
+  return Store(std::move(message), length);
 }
 
 KivNetBuffer KivHBN3Assembler::CreatePing(UInt32 iTimeStamp) {
@@ -69,10 +85,10 @@ KivNetBuffer KivHBN3Assembler::CreateRequestScan(bool /*bPwdFlag*/, UInt32 iPort
   // The header holds no payload: it only declares the 8 report bytes written after it here.
   KivHBN3Header header(kHeaderTypeHBN3, iPortInfo, kChannelScan, iTimeStamp, kCmdRequestScan);
   header.SetDataLength(kHBN3ReportLength);
-  Bytes message(kRequestScanLength);
-  header.GetDataHeader(message.data(), kHBN3HeaderLength);
-  kiv::WriteLE64(message.data() + kHBN3HeaderLength, iHIDRep);
-  return Store(message);
+  kiv::OwnedBlock message = MessageBlock(kRequestScanLength);
+  header.GetDataHeader(message.get(), kHBN3HeaderLength);
+  kiv::WriteLE64(message.get() + kHBN3HeaderLength, iHIDRep);
+  return Store(std::move(message), kRequestScanLength);
 }
 
 KivNetBuffer KivHBN3Assembler::CreateRequestScanReply(bool /*bPwdFlag*/, UInt32 iPortInfo,
@@ -89,9 +105,9 @@ KivNetBuffer KivHBN3Assembler::CreateIPConfig(std::string strDestMacAddress,
   // The record comes first: address texts of any length are the caller's, and one too long for
   // the working area is refused by the room check before the host is asked anything.
   KivHCPConfigText text(strDestIPAddress.c_str(), strNetMask.c_str(), strGateway.c_str());
-  Bytes record(kConfigTextRoom);
+  unsigned char record[kConfigTextRoom];
   int recordLength = 0;
-  text.GetHCPConfigText(record.data(), &recordLength, kConfigTextRoom);
+  text.GetHCPConfigText(record, &recordLength, kConfigTextRoom);
 
   KivHCPConfigHeader header;
   header.SetDestIP(reinterpret_cast<const unsigned char *>(strDestIPAddress.c_str()));
@@ -102,9 +118,10 @@ KivNetBuffer KivHBN3Assembler::CreateIPConfig(std::string strDestMacAddress,
       strPassword.size() > UINT32_MAX ? UINT32_MAX : static_cast<UInt32>(strPassword.size());
   header.SetEncryptedPassword(reinterpret_cast<const unsigned char *>(strPassword.data()),
                               passwordLength);
-  header.SetConfigTextRecord(record.data(), static_cast<UInt32>(recordLength));
+  header.SetConfigTextRecord(record, static_cast<UInt32>(recordLength));
 
-  Bytes message(static_cast<size_t>(header.GetHeaderLength()));
-  header.GetDataHeader(message.data(), static_cast<int>(message.size()));
-  return Store(message);
+  const int length = header.GetHeaderLength();
+  kiv::OwnedBlock message = MessageBlock(length);
+  header.GetDataHeader(message.get(), length);
+  return Store(std::move(message), length);
 }

@@ -12,8 +12,12 @@
 // object builds any number of messages. The HBN3 tag is always "HBN3"; time stamps, port
 // information, channels other than the fixed ones, names, PINs and identifiers are the caller's.
 //
+// Each message is written once, straight into the block the returned container holds; no memory
+// for that block is the container's COPY_ERROR (0x80500 + 3), as storing the message would give.
+//
 // Ownership: the returned container's storage belongs to the caller, who releases it
-// (ResetBuffer or a KivNetBufferStorageGuard).
+// (ResetBuffer or a KivNetBufferStorageGuard), or moves it into a container of its own with
+// KivNetBuffer::TakeBuffer.
 //
 // Nothing is caught: a KivWrapperException of a wire class or of the container passes to the
 // caller with that class's numbers, and CreateIPConfig passes on the int -1 of the host

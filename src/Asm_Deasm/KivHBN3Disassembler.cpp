@@ -2,7 +2,6 @@
 #include "Asm_Deasm/KivHBN3Disassembler.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -38,7 +37,7 @@ bool IsAddressCharacter(unsigned char c) { return (c >= '0' && c <= '9') || c ==
 
 // A port token read the way devices mean it: leading white space skipped, decimal digits up to the
 // first other character, no digits 0. A value too large for 32 bits stays at 0xFFFFFFFF.
-int PortNumber(const std::string &token) {
+int PortNumber(std::string_view token) {
   size_t i = 0;
   while (i < token.size() && (token[i] == ' ' || (token[i] >= '\t' && token[i] <= '\r'))) {
     ++i;
@@ -77,11 +76,11 @@ std::string ConvertMacUaa(const std::string &value) {
   KivNetHelperUtils helper;
   unsigned char bytes[KivNetHelperUtils::kMacLength];
   helper.ConvertCharStrToHexVal(digits, bytes);
-  char out[sizeof "ET" + 2 * KivNetHelperUtils::kMacLength];
-  std::snprintf(out, sizeof out, "ET%02x%02x%02x%02x%02x%02x", ReverseBits(bytes[0]),
-                ReverseBits(bytes[1]), ReverseBits(bytes[2]), ReverseBits(bytes[3]),
-                ReverseBits(bytes[4]), ReverseBits(bytes[5]));
-  return std::string(out);
+  for (unsigned char &b : bytes) {
+    b = ReverseBits(b);
+  }
+  char out[2 + 2 * KivNetHelperUtils::kMacLength] = {'E', 'T'};
+  return std::string(out, kiv::WriteLowerHex(out + 2, bytes, sizeof bytes));
 }
 
 } // namespace
@@ -204,43 +203,60 @@ StatCacheResponse KivHBN3Disassembler::ParseStatusCacheResponse() {
 // ---- Value extraction ----
 
 std::string KivHBN3Disassembler::copyData(std::string strObject, int iLen, int iIndex) {
-  if (iLen < 0 || iIndex < 0 || static_cast<size_t>(iIndex) > strObject.size()) {
+  return CopyText(strObject, iLen, iIndex);
+}
+
+std::string KivHBN3Disassembler::CopyText(std::string_view text, int iLen, int iIndex) {
+  if (iLen < 0 || iIndex < 0 || static_cast<size_t>(iIndex) > text.size()) {
     throw KivWrapperException(kClassHBN3Disassembler, kFnCopyData, COPY_ERROR);
   }
   if (iLen == 0) {
     return std::string();
   }
   try {
-    return strObject.substr(static_cast<size_t>(iIndex), static_cast<size_t>(iLen) - 1);
+    return std::string(text.substr(static_cast<size_t>(iIndex), static_cast<size_t>(iLen) - 1));
   } catch (...) {
     throw KivWrapperException(kClassHBN3Disassembler, kFnCopyData, COPY_ERROR);
   }
 }
 
 std::string KivHBN3Disassembler::getValue(std::string strStream, int iIndex) {
+  return ValueIn(strStream, iIndex);
+}
+
+std::string KivHBN3Disassembler::getValue(int iIndex) { return ValueIn(HeldText(), iIndex); }
+
+std::string_view KivHBN3Disassembler::HeldText() const {
+  return mLength > 0 ? std::string_view(reinterpret_cast<const char *>(mDataStream.get()),
+                                        static_cast<size_t>(mLength))
+                     : std::string_view();
+}
+
+std::string KivHBN3Disassembler::ValueIn(std::string_view text, int iIndex) {
   // A value that would start past the message is refused like a copy past the end; one that
   // starts exactly at the end is empty.
   if (iIndex < 0 || iIndex > mLength) {
     throw KivWrapperException(kClassHBN3Disassembler, kFnCopyData, COPY_ERROR);
   }
   if (iIndex < mLength && mDataStream[iIndex] == '"') {
-    // No closing quote gives a negative length, which copyData refuses.
-    const size_t close = strStream.find('"', static_cast<size_t>(iIndex) + 1);
-    const int length = close == std::string::npos ? -1 : static_cast<int>(close) - iIndex;
-    return copyData(strStream, length, iIndex + 1);
+    // No closing quote gives a negative length, which the copy refuses.
+    const size_t close = text.find('"', static_cast<size_t>(iIndex) + 1);
+    const int length = close == std::string_view::npos ? -1 : static_cast<int>(close) - iIndex;
+    return CopyText(text, length, iIndex + 1);
   }
   // Devices write keys in uppercase and unquoted values without it, so an uppercase letter is
   // where the next item begins: the length bytes of a text record, zero bytes and spaces belong
   // to the value. Bytes 0x80 and above are text, not a key.
-  std::string value;
-  for (int i = iIndex; i < mLength && value.size() < kMaxRunLength; ++i) {
-    const unsigned char c = mDataStream[i];
+  int end = iIndex;
+  while (end < mLength && static_cast<size_t>(end - iIndex) < kMaxRunLength) {
+    const unsigned char c = mDataStream[end];
     if (IsUpper(c) || (mAddressState && !IsAddressCharacter(c))) {
       break;
     }
-    value.push_back(static_cast<char>(c));
+    ++end;
   }
-  return value;
+  return std::string(reinterpret_cast<const char *>(mDataStream.get()) + iIndex,
+                     static_cast<size_t>(end - iIndex));
 }
 
 // ---- HCP answers ----
@@ -297,11 +313,8 @@ constexpr size_t kHcpItemCount = sizeof kHcpItems / sizeof kHcpItems[0];
 // separator, which is not checked) after the key.
 class HcpAnswerReader {
 public:
-  HcpAnswerReader(KivHBN3Disassembler &parser, const std::string &text)
+  HcpAnswerReader(KivHBN3Disassembler &parser, std::string_view text)
       : mParser(parser), mText(text) {
-    for (size_t i = 0; i < kHcpItemCount; ++i) {
-      mPositions[i] = mText.find(kHcpItems[i].key);
-    }
     for (DeviceSpecific &slot : mSlots) {
       slot.iFlag = 0;
       slot.iPortInfo = 0;
@@ -311,6 +324,13 @@ public:
   // Reads the items a configuration answer carries too (`configurationItems`), or the others,
   // into `rec`. Fails before reading any of them when one is missing.
   void ReadItems(bool configurationItems, KivNetRecord &rec) {
+    // Only the keys of the items to read are looked for: a configuration answer is never searched
+    // for the discovery answer's.
+    for (size_t i = 0; i < kHcpItemCount; ++i) {
+      if (kHcpItems[i].inConfigurationAnswer == configurationItems) {
+        mPositions[i] = mText.find(kHcpItems[i].key);
+      }
+    }
     for (size_t i = 0; i < kHcpItemCount; ++i) {
       if (kHcpItems[i].inConfigurationAnswer == configurationItems && mPositions[i] == npos) {
         FailHCP();
@@ -329,17 +349,23 @@ public:
     }
   }
 
-  // Appends the entries of the attached ports, in the order their items came.
-  void AppendEntries(KivNetRecord &rec) const {
+  // Appends the entries of the attached ports, in the order their items came; the slots give
+  // their texts up.
+  void AppendEntries(KivNetRecord &rec) {
+    size_t attached = 0;
     for (const DeviceSpecific &slot : mSlots) {
+      attached += slot.iFlag == 1 ? 1 : 0;
+    }
+    rec.vecDeviceSpecific.reserve(rec.vecDeviceSpecific.size() + attached);
+    for (DeviceSpecific &slot : mSlots) {
       if (slot.iFlag == 1) {
-        rec.vecDeviceSpecific.push_back(slot);
+        rec.vecDeviceSpecific.push_back(std::move(slot));
       }
     }
   }
 
 private:
-  static constexpr size_t npos = std::string::npos;
+  static constexpr size_t npos = std::string_view::npos;
 
   static size_t ValueStart(const HcpItem &item, size_t keyPosition) {
     return keyPosition + std::strlen(item.key) + 1;
@@ -350,7 +376,7 @@ private:
     if (start > mText.size()) {
       FailHCP();
     }
-    return mParser.getValue(mText, static_cast<int>(start));
+    return mParser.getValue(static_cast<int>(start));
   }
 
   // The value of one of the record's own items, read by its rule.
@@ -401,11 +427,11 @@ private:
   // A port counts as attached when a "1" follows its token's space closely; only then is its
   // slot used. Returns where the next occurrence is searched from.
   size_t ReadAttached(DeviceSpecific &slot, size_t start, size_t space) {
-    const std::string token = mText.substr(start, space - start);
+    const std::string_view token = mText.substr(start, space - start);
     const size_t flagEnd = std::min(space + 1 + kAttachedFlagWindow, mText.size());
     if (mText.find('1', space + 1) < flagEnd) {
       slot.iPortInfo = PortNumber(token);
-      slot.strCPDAttached = token + " 1";
+      slot.strCPDAttached.assign(token.data(), token.size()).append(" 1");
       slot.iFlag = 1;
     }
     return space + 1;
@@ -428,18 +454,18 @@ private:
     if (close == npos) {
       FailHCP();
     }
-    std::string quoted = mText.substr(open + 1, close - open - 1);
+    std::string_view quoted = mText.substr(open + 1, close - open - 1);
     // Some devices put a space after the opening quote of the product text.
     if (item.rule == HcpRule::kProductText && !quoted.empty() && quoted[0] == ' ') {
-      quoted.erase(0, 1);
+      quoted.remove_prefix(1);
     }
-    slot.*item.portField = quoted;
+    (slot.*item.portField).assign(quoted.data(), quoted.size());
     return open + 1;
   }
 
   KivHBN3Disassembler &mParser;
-  const std::string &mText;
-  size_t mPositions[kHcpItemCount];
+  const std::string_view mText;          // the held message
+  size_t mPositions[kHcpItemCount] = {}; // where each key was found, once looked for
   DeviceSpecific mSlots[kPortSlots];
 };
 
@@ -458,11 +484,8 @@ UInt32 KivHBN3Disassembler::ParseHCPResponse(UInt32 iType, KivNetRecord &recDisc
 
 UInt32 KivHBN3Disassembler::ReadHCPAnswer(UInt32 iType, KivNetRecord &rec) {
   // The answer is searched as a whole, zero bytes included: a text record's length bytes and the
-  // DNS header around it may hold anything.
-  const std::string text = mLength > 0
-                               ? std::string(reinterpret_cast<const char *>(mDataStream.get()),
-                                             static_cast<size_t>(mLength))
-                               : std::string();
+  // DNS header around it may hold anything. The held message is read in place.
+  const std::string_view text = HeldText();
   HcpAnswerReader reader(*this, text);
   const bool discovery = iType == kHCPDiscoveryResponse;
   if (!discovery) {

@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "Asm_Deasm/KivDisassembler.h"
 
@@ -74,12 +75,20 @@ public:
   // the held message as text. Throws COPY_ERROR of 0xD00 for a quoted value without its closing
   // quote and for an iIndex outside 0 to the message length (at the length the value is empty).
   std::string getValue(std::string strStream, int iIndex);
+  // The same value with the held message itself as the text (what the HCP parser reads), without
+  // a copy of the message. Throws as getValue.
+  std::string getValue(int iIndex);
   // Switches address mode of getValue.
   void isAddress(bool bAddress) { mAddressState = bAddress; }
 
 private:
   // ParseHCPResponse without its boundary: may throw anything.
   UInt32 ReadHCPAnswer(UInt32 iType, KivNetRecord &rec);
+  // copyData and getValue on a text they only read.
+  static std::string CopyText(std::string_view text, int iLen, int iIndex);
+  std::string ValueIn(std::string_view text, int iIndex);
+  // The held message as text.
+  std::string_view HeldText() const;
 
   UInt32 mHeaderType;
   UInt32 mCommand;

@@ -7,13 +7,9 @@
 #include "Asm_Deasm/KivHBN3Disassembler.h"
 #include "Common/Constants/KivCommunicationConstants.h"
 
-namespace {
-
-bool IsKnownHeaderType(UInt32 iHeaderType) {
+bool KivAsm_DeasmFactory::IsKnownHeaderType(UInt32 iHeaderType) {
   return iHeaderType == kHeaderTypeHBN3 || iHeaderType == kHeaderTypeHCP1;
 }
-
-} // namespace
 
 KivAssembler *KivAsm_DeasmFactory::CreateAssembler(UInt32 iHeaderType) {
   return IsKnownHeaderType(iHeaderType) ? new KivHBN3Assembler() : nullptr;

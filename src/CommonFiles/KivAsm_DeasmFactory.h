@@ -13,6 +13,10 @@ class KIV_EXPORT KivAsm_DeasmFactory {
 public:
   KivAsm_DeasmFactory() = delete;
 
+  // True for the header types the factory makes a builder and a parser for, "HBN3" and "HCP1".
+  // For callers that hold the builder or parser themselves instead of taking one from the heap.
+  static bool IsKnownHeaderType(UInt32 iHeaderType);
+
   // A new KivHBN3Assembler for "HBN3" or "HCP1"; null for any other header type.
   // Ownership: the caller owns the builder and deletes it through KivAssembler.
   static KivAssembler *CreateAssembler(UInt32 iHeaderType);

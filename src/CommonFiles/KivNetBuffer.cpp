@@ -47,11 +47,7 @@ int KivNetBuffer::SetBuffer(const unsigned char *buffer, int length) {
     throw;
   }
   ResetBuffer();
-  mBuffer = block.release();
-  mBufferLength = length;
-  // A message too short to hold a field records 0 for it rather than reading past its end.
-  mHeader = kiv::ReadBE32At(mBuffer, length, kHBN3OffsetTag);
-  mCommand = kiv::ReadBE32At(mBuffer, length, kHBN3OffsetCommand);
+  Hold(block.release(), length);
   return mBufferLength;
 }
 
@@ -128,6 +124,40 @@ void KivNetBuffer::ResetBuffer() {
   delete[] mBuffer;
   mBuffer = nullptr;
   mBufferLength = 0;
+}
+
+void KivNetBuffer::AdoptBlock(kiv::OwnedBlock block, int length) {
+  if (!block) {
+    Fail(kFnSetBuffer, BUFFER_NULL);
+  }
+  if (length < 1) {
+    Fail(kFnSetBuffer, BUFFER_SIZE_ERROR);
+  }
+  ResetBuffer();
+  Hold(block.release(), length);
+}
+
+void KivNetBuffer::TakeBuffer(KivNetBuffer &source) {
+  if (source.mBuffer == nullptr) {
+    Fail(kFnSetBuffer, BUFFER_NULL);
+  }
+  unsigned char *const block = source.mBuffer;
+  const int length = source.mBufferLength;
+  source.mBuffer = nullptr;
+  source.mBufferLength = 0;
+  // A copy of this container shares its block: that block is kept, not released.
+  if (block != mBuffer) {
+    ResetBuffer();
+  }
+  Hold(block, length);
+}
+
+void KivNetBuffer::Hold(unsigned char *block, int length) {
+  mBuffer = block;
+  mBufferLength = length;
+  // A message too short to hold a field records 0 for it rather than reading past its end.
+  mHeader = kiv::ReadBE32At(mBuffer, length, kHBN3OffsetTag);
+  mCommand = kiv::ReadBE32At(mBuffer, length, kHBN3OffsetCommand);
 }
 
 void *KivNetBuffer::GetHeaderContainer(UInt32 &iType) const {

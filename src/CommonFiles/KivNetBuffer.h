@@ -3,6 +3,7 @@
 #define KIV_COMMONFILES_KIVNETBUFFER_H
 
 #include "Common/KivTypes.h"
+#include "CommonFiles/KivOwnedBlock.h"
 
 // Class identifier of a container, "buff"; the boundary validates buffer handles by it.
 constexpr UInt32 kKivNetBufferClassID = 0x62756666;
@@ -57,6 +58,23 @@ public:
   // Releases the storage and empties the container; header type and command stay.
   void ResetBuffer();
 
+  // Replaces the content with `block`, which holds exactly `length` bytes and which the container
+  // takes over: nothing is copied. The header type and command are read from the bytes as
+  // SetBuffer reads them. For a builder that writes a message straight into the block that will
+  // hold it (take the block with kiv::NewBlock and the numbers of SetBuffer, so that no memory for
+  // it gives SetBuffer's COPY_ERROR, as storing the message would).
+  // Throws BUFFER_NULL of SetBuffer (null block) or BUFFER_SIZE_ERROR (`length` below 1); the
+  // block is then released and the container is unchanged.
+  void AdoptBlock(kiv::OwnedBlock block, int length);
+
+  // Moves the message of `source` into this container without copying it: the storage of this
+  // container is released, `source`'s block becomes this container's, and `source` is left empty
+  // (its header type and command stay). The header type and command are read from the bytes as
+  // SetBuffer reads them.
+  // Throws BUFFER_NULL of SetBuffer when `source` is empty, as SetBuffer refuses a message with no
+  // bytes to copy; both containers are then unchanged.
+  void TakeBuffer(KivNetBuffer &source);
+
   const unsigned char *GetBufferRef() const { return mBuffer; }
   int GetBufferLength() const { return mBufferLength; }
   UInt32 GetHeaderType() const { return mHeader; }
@@ -67,6 +85,10 @@ public:
   void *GetHeaderContainer(UInt32 &iType) const;
 
 private:
+  // Makes `block` of `length` bytes the content and reads the header type and command from it;
+  // the caller has released the previous storage.
+  void Hold(unsigned char *block, int length);
+
   unsigned char *mBuffer;
   int mBufferLength;
   UInt32 mHeader;

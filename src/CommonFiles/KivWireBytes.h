@@ -1,8 +1,9 @@
-// The one place where wire fields are read and written: big-endian 16/32-bit access and the
-// bounds test every wire class uses before it touches a byte.
+// The one place where wire fields are read and written: big-endian 16/32-bit access, the bounds
+// test every wire class uses before it touches a byte, and the text forms of received bytes.
 #ifndef KIV_COMMONFILES_KIVWIREBYTES_H
 #define KIV_COMMONFILES_KIVWIREBYTES_H
 
+#include <cstddef>
 #include <cstring>
 
 #include "Common/KivTypes.h"
@@ -74,6 +75,39 @@ inline UInt64 ReadLE64(const unsigned char *p) {
 // the field does not lie inside the block.
 inline UInt32 ReadBE32At(const unsigned char *data, int length, int offset, UInt32 fallback = 0) {
   return (data != nullptr && Fits(offset, 4, length)) ? ReadBE32(data + offset) : fallback;
+}
+
+// Writes `count` bytes as two lowercase hexadecimal digits each, as "%02x" prints them, at `out`;
+// returns the position after them. The caller has room for 2 * count characters.
+inline char *WriteLowerHex(char *out, const unsigned char *bytes, size_t count) {
+  static const char kDigits[] = "0123456789abcdef";
+  for (size_t i = 0; i < count; ++i) {
+    *out++ = kDigits[bytes[i] >> 4];
+    *out++ = kDigits[bytes[i] & 0x0F];
+  }
+  return out;
+}
+
+// Writes an address in network order as dotted decimal text, as "%u.%u.%u.%u" prints its four
+// bytes in memory order, at `out`; returns the position after it. The caller has room for 15
+// characters.
+inline char *WriteDottedQuad(char *out, UInt32 networkOrder) {
+  unsigned char octets[4];
+  std::memcpy(octets, &networkOrder, sizeof octets);
+  for (int i = 0; i < 4; ++i) {
+    if (i > 0) {
+      *out++ = '.';
+    }
+    const unsigned value = octets[i];
+    if (value >= 100) {
+      *out++ = static_cast<char>('0' + value / 100);
+    }
+    if (value >= 10) {
+      *out++ = static_cast<char>('0' + value / 10 % 10);
+    }
+    *out++ = static_cast<char>('0' + value % 10);
+  }
+  return out;
 }
 
 } // namespace kiv

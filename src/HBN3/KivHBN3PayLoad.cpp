@@ -1,7 +1,6 @@
 // The host-list entry and status-cache answer payloads.
 #include "HBN3/KivHBN3PayLoad.h"
 
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -133,10 +132,8 @@ void KivHBN3StatusCacheResponsePayload::GetDataPayload(unsigned char *dataPayloa
 
 std::string KivHBN3StatusCacheResponsePayload::GetStrAdapterUAA() const {
   try {
-    char text[2 * kAdapterUAALength + 1];
-    std::snprintf(text, sizeof text, "%02x%02x%02x%02x%02x%02x", mAdapterUAA[0], mAdapterUAA[1],
-                  mAdapterUAA[2], mAdapterUAA[3], mAdapterUAA[4], mAdapterUAA[5]);
-    return std::string(text);
+    char text[2 * kAdapterUAALength];
+    return std::string(text, kiv::WriteLowerHex(text, mAdapterUAA, kAdapterUAALength));
   } catch (...) {
     throw KivWrapperException(kClassHBN3StatusCacheResponsePayload, kFnGetStrAdapterUAA,
                               COPY_ERROR);
@@ -146,11 +143,8 @@ std::string KivHBN3StatusCacheResponsePayload::GetStrAdapterUAA() const {
 std::string KivHBN3StatusCacheResponsePayload::GetIPAddressString() const {
   try {
     // Network order: the first octet of the dotted form is the first byte in memory.
-    unsigned char octets[4];
-    std::memcpy(octets, &mIPAddress, sizeof octets);
     char text[sizeof "255.255.255.255"];
-    std::snprintf(text, sizeof text, "%u.%u.%u.%u", octets[0], octets[1], octets[2], octets[3]);
-    return std::string(text);
+    return std::string(text, kiv::WriteDottedQuad(text, mIPAddress));
   } catch (...) {
     throw KivWrapperException(kClassHBN3StatusCacheResponsePayload, kFnGetIPAddressString,
                               COPY_ERROR);
@@ -161,8 +155,6 @@ std::string KivHBN3StatusCacheResponsePayload::GetPrinterID() const {
   if (!kiv::Fits(kPrinterIDOffset, 2, GetHeldStatusLength())) {
     return std::string();
   }
-  char text[5];
-  std::snprintf(text, sizeof text, "%02x%02x", mPayload[kPrinterIDOffset],
-                mPayload[kPrinterIDOffset + 1]);
-  return std::string(text);
+  char text[4];
+  return std::string(text, kiv::WriteLowerHex(text, mPayload.get() + kPrinterIDOffset, 2));
 }

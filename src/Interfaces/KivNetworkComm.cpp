@@ -4,10 +4,13 @@
 
 #include <climits>
 #include <memory>
+#include <type_traits>
 #include <utility>
 
 #include "Asm_Deasm/KivAssembler.h"
 #include "Asm_Deasm/KivDisassembler.h"
+#include "Asm_Deasm/KivHBN3Assembler.h"
+#include "Asm_Deasm/KivHBN3Disassembler.h"
 #include "CommonFiles/KivAsm_DeasmFactory.h"
 #include "CommonFiles/KivHandleRegistry.h"
 #include "HelperFiles/KivBonjourUtil.h"
@@ -62,25 +65,26 @@ UInt32 GetCommandType(HANDLE ptrMsg) {
 namespace {
 
 // The frame shared by the building functions: `build` makes the message with the builder and
-// returns it in a container of its own, whose bytes then replace the caller's container.
+// returns it in a container of its own, whose block then becomes the caller's container's content.
 template <class Build>
 UInt32 BuildInto(FunctionNumber function, UInt32 iHeaderType, HANDLE objHeader, Build &&build) {
   KivNetBuffer *target = VerifyBufferHandle(objHeader);
   if (target == nullptr) {
     return InterfaceCode(function, kKindBadBuffer);
   }
-  // Outside the guard on purpose: a failed allocation of the builder is the host's
-  // std::bad_alloc, not a result code.
-  std::unique_ptr<KivAssembler> builder(KivAsm_DeasmFactory::CreateAssembler(iHeaderType));
-  if (!builder) {
+  if (!KivAsm_DeasmFactory::IsKnownHeaderType(iHeaderType)) {
     return InterfaceCode(function, kKindGeneral);
   }
+  // The builder the factory makes for both header types, held here rather than on the heap: it
+  // keeps no state and is gone when this function returns.
+  KivHBN3Assembler builder;
   return Guarded<KivWrapperException>(function, [&]() -> UInt32 {
-    KivNetBuffer message = build(*builder);
+    KivNetBuffer message = build(static_cast<KivAssembler &>(builder));
     KivNetBufferStorageGuard release(message);
-    // The caller's container is touched only here, once the whole message exists. An empty
-    // message has no block and is refused by SetBuffer as BUFFER_NULL.
-    target->SetBuffer(message.GetBufferRef(), message.GetBufferLength());
+    // The caller's container is touched only here, once the whole message exists, and takes the
+    // message's block as it is: the message is not copied again. An empty message has no block
+    // and is refused as SetBuffer refuses it, BUFFER_NULL.
+    target->TakeBuffer(message);
     return 0;
   });
 }
@@ -151,91 +155,81 @@ UInt32 ParseFrom(FunctionNumber function, UInt32 iHeaderType, HANDLE ptrMsg, Par
   if (message == nullptr) {
     return InterfaceCode(function, kKindBadBuffer);
   }
+  if (!KivAsm_DeasmFactory::IsKnownHeaderType(iHeaderType)) {
+    return InterfaceCode(function, kKindGeneral);
+  }
   return Guarded<KivWrapperException>(function, [&]() -> UInt32 {
-    std::unique_ptr<KivDisassembler> parser(
-        KivAsm_DeasmFactory::CreateDisassembler(iHeaderType, message));
-    if (!parser) {
-      return InterfaceCode(function, kKindGeneral);
-    }
-    return parse(std::move(parser));
+    // The parser the factory makes for both header types, held here rather than on the heap; it
+    // and its copy of the message are gone when this function returns.
+    KivHBN3Disassembler parser;
+    parser.SetMessage(message);
+    return parse(static_cast<KivDisassembler &>(parser));
   });
 }
 
-// Replaces `record` with `updated` without a step that can fail, so a failure while the fields
-// were being copied (memory for a string) leaves the caller's record as it was.
-template <class Record> UInt32 Commit(Record &record, Record &updated) {
-  record = std::move(updated);
-  return 0;
-}
-
-// Runs the parser's `operation` and copies its result into the caller's `record` with `copy`,
-// which writes exactly the fields that function fills.
+// Runs the parser's `operation` and writes its result into the caller's `record` with `copy`,
+// which writes exactly the fields that function fills and cannot fail, so a failure leaves the
+// caller's record as it was.
 template <class Record, class Parsed, class Copy>
 UInt32 ParseInto(FunctionNumber function, UInt32 iHeaderType, HANDLE ptrMsg,
                  Parsed (KivDisassembler::*operation)(), Record &record, Copy copy) {
-  return ParseFrom(function, iHeaderType, ptrMsg, [&](std::unique_ptr<KivDisassembler> parser) {
-    const Parsed parsed = ((*parser).*operation)();
-    parser.reset();
-    Record updated = record;
-    copy(parsed, updated);
-    return Commit(record, updated);
+  return ParseFrom(function, iHeaderType, ptrMsg, [&](KivDisassembler &parser) -> UInt32 {
+    Parsed parsed = (parser.*operation)();
+    copy(parsed, record);
+    return 0;
   });
 }
 
 // The three fields every HBN3 answer parser fills.
-void CopyResponse(const HBNResponseInfo &parsed, HBNResponseInfo &updated) {
-  updated.iPortInfo = parsed.iPortInfo;
-  updated.iChannelID = parsed.iChannelID;
-  updated.iStatus = parsed.iStatus;
+void CopyResponse(HBNResponseInfo &parsed, HBNResponseInfo &record) noexcept {
+  record.iPortInfo = parsed.iPortInfo;
+  record.iChannelID = parsed.iChannelID;
+  record.iStatus = parsed.iStatus;
 }
 
 // The four fields the parser of a device's scan request fills; its status is not one of them.
-void CopyScanRequest(const HBNResponseInfo &parsed, HBNResponseInfo &updated) {
-  updated.iPortInfo = parsed.iPortInfo;
-  updated.iChannelID = parsed.iChannelID;
-  updated.iReport = parsed.iReport;
-  updated.iTimeStamp = parsed.iTimeStamp;
+void CopyScanRequest(HBNResponseInfo &parsed, HBNResponseInfo &record) noexcept {
+  record.iPortInfo = parsed.iPortInfo;
+  record.iChannelID = parsed.iChannelID;
+  record.iReport = parsed.iReport;
+  record.iTimeStamp = parsed.iTimeStamp;
+}
+
+// Every field of the status record is the parser's: the parsed strings move into the caller's
+// record rather than being copied.
+static_assert(std::is_nothrow_move_assignable<StatCacheResponse>::value,
+              "a status record is handed over without a step that can fail");
+void CopyStatus(StatCacheResponse &parsed, StatCacheResponse &record) noexcept {
+  record = std::move(parsed);
 }
 
 // What the HCP parser gives a host: the fourteen strings and the device entries of a fresh record
 // (those it does not fill are empty), which replace the host's, and for a configuration answer
 // (`iType` other than the discovery answer) the device's result byte. After a discovery answer
-// the host's iResponse stays; iPortInfo always does.
-void CopyNetRecord(const KivNetRecord &parsed, UInt32 iType, KivNetRecord &updated) {
-  if (iType != kHCPDiscoveryResponse) {
-    updated.iResponse = parsed.iResponse;
+// the host's iResponse stays; iPortInfo always does. The parsed record takes those two from the
+// host's and then moves into it whole, so no string or entry is copied.
+static_assert(std::is_nothrow_move_assignable<KivNetRecord>::value,
+              "a device record is handed over without a step that can fail");
+void CopyNetRecord(KivNetRecord &parsed, UInt32 iType, KivNetRecord &record) noexcept {
+  if (iType == kHCPDiscoveryResponse) {
+    parsed.iResponse = record.iResponse;
   }
-  updated.strIPAddr = parsed.strIPAddr;
-  updated.strIPNetMask = parsed.strIPNetMask;
-  updated.strIPGateway = parsed.strIPGateway;
-  updated.strIPName = parsed.strIPName;
-  updated.strMacLaa = parsed.strMacLaa;
-  updated.strMacUaa = parsed.strMacUaa;
-  updated.strAdapterType = parsed.strAdapterType;
-  updated.strIPAddrSrc = parsed.strIPAddrSrc;
-  updated.strOEMByte = parsed.strOEMByte;
-  updated.strPwdSet = parsed.strPwdSet;
-  updated.strProdID = parsed.strProdID;
-  updated.strAdapterName = parsed.strAdapterName;
-  updated.strCPDAttached = parsed.strCPDAttached;
-  updated.strPrintrVidPid = parsed.strPrintrVidPid;
-  updated.vecDeviceSpecific = parsed.vecDeviceSpecific;
+  parsed.iPortInfo = record.iPortInfo;
+  record = std::move(parsed);
 }
 
 } // namespace
 
 UInt32 ParseHCPResponse(UInt32 iHeaderType, HANDLE ptrMsg, UInt32 iType, KivNetRecord &DeviceRec) {
   return ParseFrom(kFnParseHCPResponse, iHeaderType, ptrMsg,
-                   [&](std::unique_ptr<KivDisassembler> parser) -> UInt32 {
+                   [&](KivDisassembler &parser) -> UInt32 {
                      KivNetRecord parsed;
-                     const UInt32 result = parser->ParseHCPResponse(iType, parsed);
-                     parser.reset();
+                     const UInt32 result = parser.ParseHCPResponse(iType, parsed);
                      if (result != 0) {
                        return result;
                      }
-                     KivNetRecord updated = DeviceRec;
-                     CopyNetRecord(parsed, iType, updated);
-                     return Commit(DeviceRec, updated);
+                     CopyNetRecord(parsed, iType, DeviceRec);
+                     return 0;
                    });
 }
 
@@ -257,11 +251,8 @@ UInt32 ParseHostListEntryResponse(UInt32 iHeaderType, HANDLE ptrMsg,
 
 UInt32 ParseStatusCacheResponse(UInt32 iHeaderType, HANDLE ptrMsg,
                                 StatCacheResponse &statResponse) {
-  // Every field of the status record is the parser's.
-  return ParseInto(
-      kFnParseStatusCacheResponse, iHeaderType, ptrMsg, &KivDisassembler::ParseStatusCacheResponse,
-      statResponse,
-      [](const StatCacheResponse &parsed, StatCacheResponse &updated) { updated = parsed; });
+  return ParseInto(kFnParseStatusCacheResponse, iHeaderType, ptrMsg,
+                   &KivDisassembler::ParseStatusCacheResponse, statResponse, CopyStatus);
 }
 
 UInt32 ParseRequestScan(UInt32 iHeaderType, HANDLE ptrMsg, HBNResponseInfo &responseInfo) {

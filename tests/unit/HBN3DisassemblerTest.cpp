@@ -11,6 +11,7 @@
 #include "Exceptions/KivWrapperException.h"
 #include "support/FakeHostPlatform.h"
 #include "support/MessageVectors.h"
+#include "support/Thrown.h"
 
 using namespace kivtest;
 
@@ -86,6 +87,43 @@ TEST(HBN3DisassemblerTest, EachOperationAcceptsEveryPrefixFromItsLastByteOn) {
   for (const auto &c : cases) {
     EXPECT_EQ(ShortestAccepted(c.first), c.second) << ToHex(c.first);
   }
+}
+
+// copyData: at most iLen - 1 characters from iIndex; refusals carry function number 0xD00.
+TEST(HBN3DisassemblerTest, CopyDataTakesLengthLessOneCharacters) {
+  KivHBN3Disassembler parser;
+  EXPECT_EQ(parser.copyData("ABCDEF", 4, 1), "BCD");
+  EXPECT_EQ(parser.copyData("ABCDEF", 40, 4), "EF") << "the text ends first";
+  EXPECT_EQ(parser.copyData("ABCDEF", 0, 6), "");
+  ExpectCodes({{"negative length", [&] { parser.copyData("ABCDEF", -1, 0); }, 0x70DA3},
+               {"past the end", [&] { parser.copyData("ABCDEF", 2, 7); }, 0x70DA3}});
+}
+
+// The value rules read from the held message itself give what they give with the held message
+// passed as text, at every start and in both modes, refusals included.
+TEST(HBN3DisassemblerTest, ValueOfTheHeldMessageIsTheValueOfItsText) {
+  const Bytes message =
+      Join({Text("IPADDRESS=10.0.0.5"), Bytes{0x0D, 0},
+            Text("IPNAME=\"Kiv 1\"PWD=\"open x=printer 5 "), Bytes(40, 'a'), Bytes{0xC3, 0xA9}});
+  const std::unique_ptr<KivHBN3Disassembler> parser = Holding(message);
+  const std::string text(message.begin(), message.end());
+  int quoted = 0, cut = 0;
+  for (bool address : {false, true}) {
+    parser->isAddress(address);
+    for (int i = -1; i <= static_cast<int>(message.size()) + 1; ++i) {
+      std::string fromText, fromHeld;
+      const UInt32 textCode = CodeOf([&] { fromText = parser->getValue(text, i); });
+      const UInt32 heldCode = CodeOf([&] { fromHeld = parser->getValue(i); });
+      EXPECT_EQ(heldCode, textCode) << "start " << i;
+      EXPECT_EQ(fromHeld, fromText) << "start " << i;
+      quoted += fromHeld == "Kiv 1";
+      cut += fromHeld == std::string(31, 'a');
+    }
+  }
+  EXPECT_EQ(parser->getValue(10), "10.0.0.5") << "address mode stops before the length byte";
+  EXPECT_EQ(quoted, 2);
+  EXPECT_GT(cut, 0);
+  EXPECT_EQ(CodeOf([&] { parser->getValue(static_cast<int>(message.size()) + 1); }), 0x70DA3u);
 }
 
 } // namespace

@@ -187,4 +187,20 @@ TEST(OutOfMemory, BoundaryGivesTheMembersCode) {
   EXPECT_EQ(record.strPayload, "old");
 }
 
+// A builder whose message block cannot be had: the container's code for a message it could not
+// store, and the caller's container still holds its earlier message.
+TEST(OutOfMemory, BuildingWithoutMemoryForTheMessageLeavesTheContainer) {
+  std::unique_ptr<KivNetBuffer> container(static_cast<KivNetBuffer *>(CreateBuffer()));
+  KivNetBufferStorageGuard release(*container);
+  const Bytes earlier = Hbn3Message(4, 0x22);
+  container->SetBuffer(earlier.data(), static_cast<int>(earlier.size()));
+  {
+    RefuseBlocksOf refuse(kHBN3HeaderLength);
+    EXPECT_EQ(CreatePing(0x48424E33, 7, container.get()), 0x0A0805A3u);
+  }
+  EXPECT_EQ(Contents(*container), earlier);
+  EXPECT_EQ(CreatePing(0x48424E33, 7, container.get()), 0u);
+  EXPECT_EQ(container->GetBufferLength(), kHBN3HeaderLength);
+}
+
 } // namespace
