@@ -3,17 +3,14 @@
 // taking broadcasts, for that bounded time. Without it, it is the host, through the exported
 // functions only: it discovers the devices with a broadcast query and checks every record. It
 // refuses to run in the machine's own network namespace, so no broadcast ever leaves the machine.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <thread>
 
 #include "Interfaces/KivNetworkComm.h"
+#include "netns/OwnNamespace.h"
 #include "sim/Simulator.h"
 #include "support/RecordText.h"
 #include "support/ScopedContainer.h"
@@ -28,33 +25,6 @@ void Check(bool condition, const std::string &what) {
     ++gFailures;
     std::printf("FAILED: %s\n", what.c_str());
   }
-}
-
-// True only when this process provably runs in a network namespace other than the machine's:
-// the one of process 1, or, where that link is shielded (some sandboxes hide process 1 even from
-// root), the one of this process's topmost ancestor whose link can be read, which is where the
-// test was started. Anything unreadable counts as "not isolated".
-bool InOwnNetworkNamespace(std::string &why) {
-  struct stat self = {}, reference = {}, ancestor = {};
-  const bool first = stat("/proc/1/ns/net", &reference) == 0;
-  // Bounded: a process tree is never this deep, and a loop in it would end here too.
-  for (long pid = getppid(), depth = 0; !first && pid > 1 && depth < 256; ++depth) {
-    if (stat(("/proc/" + std::to_string(pid) + "/ns/net").c_str(), &ancestor) == 0) {
-      reference = ancestor;
-    }
-    // "pid (name) state ppid ...": the name may hold spaces and parentheses.
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    std::getline(file, line);
-    const std::size_t close = line.rfind(')');
-    pid = close == std::string::npos ? 0 : std::atol(line.c_str() + close + 4);
-  }
-  if (stat("/proc/self/ns/net", &self) != 0 || reference.st_ino == 0) {
-    why = "cannot read the network namespaces to compare";
-  } else if (self.st_ino == reference.st_ino && self.st_dev == reference.st_dev) {
-    why = "this is the machine's own network namespace";
-  }
-  return why.empty();
 }
 
 // Broadcasts the discovery query to `port` and checks that every device answers once, from its
@@ -100,7 +70,7 @@ int Discover(int port, const std::vector<kivsim::DeviceRecord> &devices) {
 
 int main(int argc, char **argv) {
   std::string why;
-  if (!InOwnNetworkNamespace(why)) {
+  if (!kivtest::InOwnNetworkNamespace(why)) {
     std::fprintf(stderr, "NetnsDiscovery: refusing to run: %s\n", why.c_str());
     return 3;
   }
