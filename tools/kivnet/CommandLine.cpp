@@ -2,6 +2,11 @@
 // addresses, ports and MAC texts in the forms the library expects.
 #include "tools/kivnet/CommandLine.h"
 
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+
 #include <cctype>
 #include <cstdlib>
 #include <set>
@@ -173,7 +178,8 @@ const char kQueryMacHelp[] =
     "usage: kivnet query-mac ADDRESS [--wait SECONDS] [--json]\n"
     "Asks the device at ADDRESS for its MAC address with the HCP discovery query sent to UDP\n"
     "port 5353 (QueryMACAddressByHCP) and prints it in the form relocate takes (12 lowercase\n"
-    "hexadecimal digits) and in the ET form discover prints.\n"
+    "hexadecimal digits) and in the ET form discover prints. A broadcast or multicast address\n"
+    "is refused: the query would reach every device there.\n"
     "\n"
     "  --wait SECONDS  how long to wait for the answer: 1 to 60 whole seconds (default 2)\n"
     "  --json          print the answer as JSON\n"
@@ -194,7 +200,8 @@ const char kRelocateHelp[] =
     "  MAC              the device's MAC address: 00:1B:2C:3D:4E:5F, 00-1b-2c-3d-4e-5f,\n"
     "                   001b.2c3d.4e5f, 001b2c3d4e5f, or the ET001b2c3d4e5f form that\n"
     "                   discover prints\n"
-    "  --from ADDRESS   the dotted IPv4 address the device had; required\n"
+    "  --from ADDRESS   the dotted IPv4 address the device had (not a broadcast or multicast\n"
+    "                   address); required\n"
     "  --wait SECONDS   how long the DNS-SD browse may take: 0 to 60 whole seconds (default\n"
     "                   10); the checks before it take up to 4 s more\n"
     "  --json           print the outcome as JSON\n"
@@ -469,6 +476,13 @@ bool Complete(const std::vector<std::string> &positional, CommandLine &line, std
       return false;
     }
     line.target = positional[0];
+    if (line.command == Command::kQueryMac) {
+      const std::string problem = BroadcastProblem(line.target);
+      if (!problem.empty()) {
+        error = "query-mac asks one device: " + problem;
+        return false;
+      }
+    }
     if (line.command == Command::kChannel) {
       if (!line.portGiven) {
         error = "channel needs --port (the device's channel port)";
@@ -493,6 +507,11 @@ bool Complete(const std::vector<std::string> &positional, CommandLine &line, std
     }
     if (line.from.empty()) {
       error = "relocate needs --from (the address the device had)";
+      return false;
+    }
+    const std::string problem = BroadcastProblem(line.from);
+    if (!problem.empty()) {
+      error = "--from names one device: " + problem;
       return false;
     }
     if (!line.waitGiven) {
@@ -687,6 +706,30 @@ bool NormaliseMac(const std::string &text, std::string &mac) {
   }
   mac = digits;
   return true;
+}
+
+std::string BroadcastProblem(const std::string &address) {
+  const UInt32 value = AddressValue(address);
+  if (value == 0xFFFFFFFFu) {
+    return address + " is the broadcast address";
+  }
+  if ((value >> 28) == 0xE) {
+    return address + " is a multicast address";
+  }
+  std::string problem;
+  struct ifaddrs *interfaces = nullptr;
+  if (getifaddrs(&interfaces) != 0) {
+    return problem;
+  }
+  for (const struct ifaddrs *i = interfaces; i != nullptr && problem.empty(); i = i->ifa_next) {
+    if ((i->ifa_flags & IFF_BROADCAST) != 0 && i->ifa_broadaddr != nullptr &&
+        i->ifa_broadaddr->sa_family == AF_INET &&
+        ntohl(reinterpret_cast<const sockaddr_in *>(i->ifa_broadaddr)->sin_addr.s_addr) == value) {
+      problem = address + " is the broadcast address of " + i->ifa_name;
+    }
+  }
+  freeifaddrs(interfaces);
+  return problem;
 }
 
 std::string ConfigurationProblem(const std::string &address, const std::string &netmask,

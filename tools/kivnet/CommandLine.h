@@ -108,6 +108,12 @@ bool ParseHexBytes(const std::string &text, std::string &bytes);
 // The name --interface takes for an end-point interface value ("scan", "hid", "print", "media").
 std::string EndPointName(int endPoint);
 
+// Why a query to `address` (dotted) would not stay with one device: the MAC query of query-mac
+// and relocate is sent with broadcasting allowed, so the limited broadcast address
+// 255.255.255.255, a multicast address (224.0.0.0/4) or the broadcast address of one of the
+// host's interfaces would reach every device there. Empty when none applies.
+std::string BroadcastProblem(const std::string &address);
+
 // True for dotted-decimal IPv4 text of four numbers 0-255 without leading zeros.
 bool IsDottedAddress(const std::string &text);
 
