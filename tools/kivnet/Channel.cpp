@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -43,10 +42,6 @@ constexpr int kListenerPollMicroseconds = 250000;
 // The listener ends by itself after more than 20 s without a frame and says so with the same
 // report (null, 1) as a bad frame header; a report that late after the last frame is that end.
 constexpr double kListenerIdleSeconds = 20.0;
-
-// A listener callback that wants to stop waits at most this long for the watch to have taken the
-// listener's thread identifier (it takes it right after registering).
-constexpr std::chrono::seconds kIdentifierWait(2);
 
 double Since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
@@ -237,9 +232,7 @@ public:
   Mailbox(const WakePipe &wake, int frameLimit) : mWake(wake), mFrameLimit(frameLimit) {}
 
   // The listener's callback. It owns every block it is given and frees it here. It answers false
-  // (stop) once the device closed, after a failure, or at the frame count; but only once the
-  // watch holds the listener's thread identifier, which it could no longer ask for after the
-  // listener has ended, and without which it could not join the thread.
+  // (stop) once the device closed, after a failure, or at the frame count.
   static bool Callback(const unsigned char *data, int length, void *param) {
     Mailbox *self = static_cast<Mailbox *>(param);
     ListenerEvent event;
@@ -265,16 +258,13 @@ public:
       self->mEvents.push_back(std::move(event));
     }
     self->mWake.Poke();
-    if (!more) {
-      const auto until = Clock::now() + kIdentifierWait;
-      while (!self->mIdentifierTaken.load() && Clock::now() < until) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      }
-    }
     return more;
   }
 
-  void IdentifierTaken() { mIdentifierTaken.store(true); }
+  // Held while the listener is registered and its thread identifier taken: the callback waits
+  // for it, so the listener cannot answer false and end before then (GetListenerThreadID gives
+  // null once it has ended, and the thread could not be joined).
+  std::unique_lock<std::mutex> Hold() { return std::unique_lock<std::mutex>(mMutex); }
 
   std::deque<ListenerEvent> Take() {
     std::lock_guard<std::mutex> lock(mMutex);
@@ -290,7 +280,6 @@ private:
   std::deque<ListenerEvent> mEvents;
   int mFrames = 0;
   bool mFinished = false;
-  std::atomic<bool> mIdentifierTaken{false};
 };
 
 // The state of one watch after the open: counts, times and the end.
@@ -461,6 +450,7 @@ Failure ListenForFrames(const CommandLine &line, OpenChannel &channel, Watch &wa
   UInt32 code = 0;
   {
     const SignalsBlocked blocked;
+    const std::unique_lock<std::mutex> held = mailbox.Hold();
     if (line.endPoint == kMediaInterface) {
       channel.OwnListener() = std::thread([&channel, &mailbox] {
         RegisterReadCallback(channel.handle(), &Mailbox::Callback, &mailbox, 0,
@@ -475,7 +465,6 @@ Failure ListenForFrames(const CommandLine &line, OpenChannel &channel, Watch &wa
         }
       }
     }
-    mailbox.IdentifierTaken();
   }
   // The mailbox and the pipe outlive the listener: it is joined before this returns.
   struct JoinFirst {
