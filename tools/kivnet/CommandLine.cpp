@@ -17,7 +17,7 @@ const char kBroadcast[] = "BROADCAST";
 
 namespace {
 
-// The help texts. tools/kivnet/kivnet.1 says the same in the manual's form; change both.
+// The help texts. man/kivnet.1 says the same in the manual's form; change both.
 const char kGeneralHelp[] =
     "usage: kivnet COMMAND [options]\n"
     "       kivnet help [COMMAND]\n"
