@@ -227,6 +227,13 @@ struct ListenerEvent {
   std::string head;
 };
 
+// Releases a payload block the listener handed over (allocated with malloc).
+struct FreeBlock {
+  void operator()(const unsigned char *block) const {
+    std::free(const_cast<unsigned char *>(block));
+  }
+};
+
 class Mailbox {
 public:
   Mailbox(const WakePipe &wake, int frameLimit) : mWake(wake), mFrameLimit(frameLimit) {}
@@ -235,6 +242,8 @@ public:
   // (stop) once the device closed, after a failure, or at the frame count.
   static bool Callback(const unsigned char *data, int length, void *param) {
     Mailbox *self = static_cast<Mailbox *>(param);
+    // Released on every path, a failed copy of the first bytes included.
+    const std::unique_ptr<const unsigned char, FreeBlock> block(data);
     ListenerEvent event;
     if (data != nullptr && length > 0) {
       event.length = length;
@@ -245,7 +254,6 @@ public:
     } else {
       event.kind = length == -4 ? ListenerEvent::kSocketFailure : ListenerEvent::kOtherFailure;
     }
-    std::free(const_cast<unsigned char *>(data));
     bool more = false;
     {
       std::lock_guard<std::mutex> lock(self->mMutex);
