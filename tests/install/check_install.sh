@@ -37,7 +37,7 @@ cmake --build "$work/cmake-build" >/dev/null
 # The examples, as their folder says to build them; run without arguments they print their usage.
 cmake -S "$examples_dir" -B "$work/examples" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/examples" >/dev/null
-for example in discover status; do
+for example in channel discover status; do
   status=0
   "$work/examples/$example" >"$work/out" 2>&1 || status=$?
   if [ "$status" -ne 2 ] || ! grep -q "^usage: $example" "$work/out"; then

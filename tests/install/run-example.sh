@@ -2,7 +2,8 @@
 # Runs an example host program against simulated devices on loopback and checks its output.
 #   usage: run-example.sh KIVSIM "SIMULATOR OPTIONS" STATUS PROGRAM [ARGS...] -- [PATTERN...]
 # The simulator serves three two-port devices on 127.0.0.10-12 with a group listener on 127.0.0.2,
-# all on free ports; @HCP_PORT@ and @HBN3_PORT@ in ARGS become those ports. The program must exit
+# all on free ports; @HCP_PORT@, @HBN3_PORT@ and (with --channel-port 0 among the simulator
+# options) @CHANNEL_PORT@ in ARGS become those ports. The program must exit
 # with STATUS, and every PATTERN (an extended regular expression) must match a line of its
 # standard output and error. Nothing leaves 127.0.0.0/8; the simulator is stopped on every path.
 set -euo pipefail
@@ -45,9 +46,11 @@ if ! grep -q "serving for" "$work/sim.log"; then
 fi
 hcp_port=$(sed -nE 's/.*HCP port ([0-9]+).*/\1/p' "$work/sim.log" | head -n 1)
 hbn3_port=$(sed -nE 's/.*HBN3 port ([0-9]+).*/\1/p' "$work/sim.log" | head -n 1)
+channel_port=$(sed -nE 's/.*channel port ([0-9]+).*/\1/p' "$work/sim.log" | head -n 1)
 for i in "${!args[@]}"; do
   args[i]=${args[i]//@HCP_PORT@/$hcp_port}
   args[i]=${args[i]//@HBN3_PORT@/$hbn3_port}
+  args[i]=${args[i]//@CHANNEL_PORT@/$channel_port}
 done
 
 echo "\$ $(basename "${args[0]}") ${args[*]:1}"

@@ -3,15 +3,21 @@
 # joined by a veth pair, each with its own D-Bus system bus and avahi-daemon on a private /run. The
 # device namespace holds a simulated device at its new address, its web server announced with
 # avahi-publish; the host namespace relocates it from a stale address through the library's
-# Avahi browse, then takes its daemons away under a running relocation. Every process of the two
+# Avahi browse (through the library, then with kivnet relocate when kivnet is given), then takes
+# its daemons away under a running relocation. Every process of the two
 # namespaces is killed and the namespaces deleted on every path; nothing runs in, or is sent
 # from, the machine's own namespace. Exits 77 (skipped) with one line saying why when it cannot
 # run here.
-#   usage: netns-relocation.sh NETNS_RELOCATION
+#   usage: netns-relocation.sh NETNS_RELOCATION [KIVNET]
 set -u
 
 program=$(readlink -f "${1:-}")
-[ -x "$program" ] || { echo "FAILED: usage: netns-relocation.sh NETNS_RELOCATION"; exit 1; }
+[ -x "$program" ] || { echo "FAILED: usage: netns-relocation.sh NETNS_RELOCATION [KIVNET]"; exit 1; }
+kivnet=""
+if [ -n "${2:-}" ]; then
+  kivnet=$(readlink -f "$2")
+  [ -x "$kivnet" ] || { echo "FAILED: no kivnet program at $2"; exit 1; }
+fi
 
 skip() {
   echo "skipped: $*"
@@ -211,6 +217,25 @@ ip netns exec "$host_ns" unshare --mount timeout 90 sh "$workdir/daemons.sh" \
   "$workdir/avahi-h.conf" env KIVNET_DEVICE_STORE="$workdir/store/devices" \
   "$program" relocate "$stale_address" "$moved_address" "$workdir/store/devices" ||
   failed=1
+
+if [ -n "$kivnet" ]; then
+  # A store of its own, empty: the stale address stays silent, so only the browse finds the device.
+  echo "== host namespace: kivnet relocate through the Avahi browse"
+  if ip netns exec "$host_ns" unshare --mount timeout 60 sh "$workdir/daemons.sh" \
+    "$workdir/avahi-h.conf" env KIVNET_DEVICE_STORE="$workdir/kivnet-store/devices" \
+    "$kivnet" relocate ET024b4956004d --from "$stale_address" --wait 10 --json \
+    >"$workdir/kivnet.json" 2>&1; then
+    cat "$workdir/kivnet.json"
+    grep -q "\"address\": \"$moved_address\"," "$workdir/kivnet.json" ||
+      { echo "FAILED: kivnet relocate did not find the device at $moved_address"; failed=1; }
+    grep -q "^024b4956004d $moved_address\$" "$workdir/kivnet-store/devices" ||
+      { echo "FAILED: kivnet's relocation left no store entry for $moved_address"; failed=1; }
+  else
+    cat "$workdir/kivnet.json"
+    echo "FAILED: kivnet relocate"
+    failed=1
+  fi
+fi
 
 echo "== host namespace: the daemons go away during a relocation"
 ip netns exec "$host_ns" unshare --mount timeout 60 sh "$workdir/daemons.sh" \

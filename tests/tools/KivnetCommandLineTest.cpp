@@ -3,6 +3,7 @@
 // manual page that name every option.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "tools/kivnet/CommandLine.h"
+#include "tools/kivnet/Relocation.h"
 
 namespace {
 
@@ -84,6 +86,146 @@ TEST(KivnetCommandLine, AcceptedAndRefusedLines) {
   }
 }
 
+// What a parse of the words of a channel, query-mac or relocate line gave, as one line.
+std::string ParsedWatch(const std::vector<std::string> &words) {
+  kivnet::CommandLine l;
+  std::string error;
+  if (!kivnet::ParseCommandLine(words, l, error)) {
+    return "error: " + error;
+  }
+  std::string sends;
+  for (const std::string &bytes : l.sends) {
+    sends += "[";
+    for (unsigned char c : bytes) {
+      char pair[4];
+      std::snprintf(pair, sizeof pair, "%02x", c);
+      sends += pair;
+    }
+    sends += "]";
+  }
+  return kivnet::CommandName(l.command) + " " + l.target + ":" + std::to_string(l.port) + " " +
+         kivnet::EndPointName(l.endPoint) + " " + sends + (l.listen ? " listen" : "") + " frames " +
+         std::to_string(l.frames) + " wait " + std::to_string(l.waitTenths) +
+         (l.json ? " json" : "") + " " + l.mac + " " + l.from;
+}
+
+TEST(KivnetCommandLine, ChannelQueryMacAndRelocateLines) {
+  const struct {
+    std::vector<std::string> words;
+    const char *parsed;
+  } cases[] = {
+      {{"channel", "127.0.0.10", "--port", "9100"},
+       "channel 127.0.0.10:9100 scan  frames 0 wait 0  "},
+      {{"channel", "10.0.0.1", "--port=40000", "--interface", "HID", "--send", "1b 45", "--send",
+        "0d:0A", "--send", "00ff10", "--listen", "--frames", "3", "--wait", "2.5", "--json"},
+       "channel 10.0.0.1:40000 hid [1b45][0d0a][00ff10] listen frames 3 wait 25 json  "},
+      {{"channel", "10.0.0.1", "--port", "1", "--interface", "media"},
+       "channel 10.0.0.1:1 media  frames 0 wait 0  "},
+      {{"channel", "10.0.0.1", "--port", "1", "--interface", "print", "--frames", "1000000"},
+       "channel 10.0.0.1:1 print  frames 1000000 wait 0  "},
+      {{"channel", "10.0.0.1"}, "error: channel needs --port (the device's channel port)"},
+      {{"channel", "--port", "1"}, "error: channel wants one device address"},
+      {{"channel", "printer.local", "--port", "1"},
+       "error: channel wants a dotted IPv4 address, not 'printer.local'"},
+      {{"channel", "10.0.0.1", "--port", "1", "--interface", "fax"},
+       "error: --interface wants scan, hid, print or media, not 'fax'"},
+      {{"channel", "10.0.0.1", "--port", "1", "--send", "1 b45"},
+       "error: --send wants hexadecimal bytes such as '1b 45 0d', not '1 b45'"},
+      {{"channel", "10.0.0.1", "--port", "1", "--send", "0x1b"},
+       "error: --send wants hexadecimal bytes such as '1b 45 0d', not '0x1b'"},
+      {{"channel", "10.0.0.1", "--port", "1", "--send", " "},
+       "error: --send wants hexadecimal bytes such as '1b 45 0d', not ' '"},
+      {{"channel", "10.0.0.1", "--port", "1", "--frames", "0"},
+       "error: --frames wants a number from 1 to 1000000, not '0'"},
+      {{"channel", "10.0.0.1", "--port", "1", "--listen", "--listen"},
+       "error: --listen given more than once"},
+      {{"channel", "10.0.0.1", "--port", "1", "--to", "10.0.0.2"},
+       "error: unknown option --to for channel"},
+      {{"query-mac", "127.0.0.10"}, "query-mac 127.0.0.10:5353 scan  frames 0 wait 20  "},
+      {{"query-mac", "127.0.0.10", "--wait", "60", "--json"},
+       "query-mac 127.0.0.10:5353 scan  frames 0 wait 600 json  "},
+      {{"query-mac", "127.0.0.10", "--wait", "1.5"},
+       "error: --wait wants whole seconds from 1 to 60, not '1.5'"},
+      {{"query-mac", "127.0.0.10", "--wait", "0"},
+       "error: --wait wants whole seconds from 1 to 60, not '0'"},
+      {{"query-mac", "127.0.0.10", "--port", "5353"}, "error: unknown option --port for query-mac"},
+      // The library would read these as 255.255.255.255, or send with broadcasting allowed.
+      {{"query-mac", "BROADCAST"}, "error: query-mac wants a dotted IPv4 address, not 'BROADCAST'"},
+      {{"query-mac", "255.255.255.255"},
+       "error: query-mac asks one device: 255.255.255.255 is the broadcast address"},
+      {{"query-mac", "224.0.0.251"},
+       "error: query-mac asks one device: 224.0.0.251 is a multicast address"},
+      {{"relocate", "001b2c3d4e5f", "--from", "127.0.0.12"},
+       "relocate :5353 scan  frames 0 wait 100 001B2C3D4E5F 127.0.0.12"},
+      {{"relocate", "ET001b2c3d4e5f", "--from", "127.0.0.12", "--wait", "0"},
+       "relocate :5353 scan  frames 0 wait 0 001B2C3D4E5F 127.0.0.12"},
+      {{"relocate", "001b2c3d4e5f"}, "error: relocate needs --from (the address the device had)"},
+      {{"relocate", "--from", "127.0.0.12"}, "error: relocate wants one MAC address"},
+      {{"relocate", "00:1b:2c", "--from", "127.0.0.12"},
+       "error: relocate wants a MAC address such as 00:1B:2C:3D:4E:5F, not '00:1b:2c'"},
+      {{"relocate", "001b2c3d4e5f", "--from", "printer"},
+       "error: --from wants a dotted IPv4 address, not 'printer'"},
+      {{"relocate", "001b2c3d4e5f", "--from", "255.255.255.255"},
+       "error: --from names one device: 255.255.255.255 is the broadcast address"},
+      {{"relocate", "001b2c3d4e5f", "--from", "127.0.0.12", "--wait", "61"},
+       "error: --wait wants whole seconds from 0 to 60, not '61'"},
+      {{"--version"}, " :5353 scan  frames 0 wait 30  "},
+      {{"--version", "ping"}, "error: --version takes nothing after it"},
+  };
+  for (const auto &c : cases) {
+    std::string line;
+    for (const std::string &word : c.words) {
+      line += word + " ";
+    }
+    EXPECT_EQ(ParsedWatch(c.words), c.parsed) << line;
+  }
+}
+
+// relocate takes the MAC in every form set-ip takes and hands the library the one form it
+// compares: 12 lowercase digits without separators.
+TEST(KivnetCommandLine, RelocateTakesTheUsualMacFormsAndPassesTheComparedOne) {
+  for (const char *mac : {"00:1B:2C:3D:4E:5F", "00-1b-2c-3d-4e-5f", "001b.2c3d.4e5f",
+                          "001B2C3D4E5F", "ET001b2c3d4e5f", "et001B2C3D4E5F"}) {
+    kivnet::CommandLine line;
+    std::string error;
+    ASSERT_TRUE(kivnet::ParseCommandLine({"relocate", mac, "--from", "127.0.0.12"}, line, error))
+        << mac << ": " << error;
+    EXPECT_EQ(kivnet::RelocationForm(line.mac), "001b2c3d4e5f") << mac;
+  }
+}
+
+TEST(KivnetCommandLine, HexBytesOfSend) {
+  const struct {
+    const char *text;
+    bool ok;
+    const char *hex;
+  } cases[] = {
+      {"1b", true, "1b"},
+      {"1B450D", true, "1b450d"},
+      {"1b 45:0d", true, "1b450d"},
+      {"  1b  ", true, "1b"},
+      {"1b::45", true, "1b45"},
+      {"abc", false, ""},
+      {"1b 4", false, ""},
+      {"", false, ""},
+      {":", false, ""},
+      {"1b-45", false, ""},
+      {"g0", false, ""},
+      {"1b\t45", false, ""},
+  };
+  for (const auto &c : cases) {
+    std::string bytes = "unchanged";
+    EXPECT_EQ(kivnet::ParseHexBytes(c.text, bytes), c.ok) << c.text;
+    std::string hex;
+    for (unsigned char b : bytes) {
+      char pair[4];
+      std::snprintf(pair, sizeof pair, "%02x", b);
+      hex += pair;
+    }
+    EXPECT_EQ(c.ok ? hex : bytes, c.ok ? c.hex : "unchanged") << c.text;
+  }
+}
+
 // set-ip re-addresses a real device: configurations that leave it unreachable are refused unless
 // --force is given.
 TEST(KivnetCommandLine, SetIpRefusesUnreachableConfigurationsWithoutForce) {
@@ -137,7 +279,8 @@ TEST(KivnetCommandLine, HelpAndManualPageNameEveryOption) {
   const std::string manual{std::istreambuf_iterator<char>(file), {}};
   for (kivnet::Command command :
        {kivnet::Command::kDiscover, kivnet::Command::kPing, kivnet::Command::kStatus,
-        kivnet::Command::kSetIp, kivnet::Command::kHostInfo}) {
+        kivnet::Command::kSetIp, kivnet::Command::kHostInfo, kivnet::Command::kChannel,
+        kivnet::Command::kQueryMac, kivnet::Command::kRelocate}) {
     const std::string name = kivnet::CommandName(command);
     const std::string help = kivnet::HelpText(command);
     EXPECT_NE(kivnet::HelpText(kivnet::Command::kNone).find("  " + name + " "), std::string::npos)

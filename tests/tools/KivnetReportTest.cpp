@@ -3,6 +3,7 @@
 // numbers and booleans are written as such.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
 #include "tools/kivnet/Report.h"
@@ -122,6 +123,141 @@ TEST(KivnetReport, ErrorObjectHasNullForWhatIsNotKnown) {
                              "\n  \"system\": \"Network is unreachable\",\n"}) {
     EXPECT_NE(pretty.find(member), std::string::npos) << member << " in\n" << pretty;
   }
+}
+
+// A frame's dump shows every byte of a short frame as hexdump -C would, control and high bytes
+// as dots; a longer frame shows its first 64 bytes and says so.
+TEST(KivnetReport, ChannelFramesAsHexDumpsAndJsonLines) {
+  kivnet::ChannelFrame frame;
+  frame.number = 2;
+  frame.length = 18;
+  frame.head = std::string("HBN3\x00\x1b\x7f\x80\xff", 9) + "|ok \"x\"\n\\";
+  frame.seconds = 0.0125;
+  EXPECT_EQ(kivnet::ChannelFrameText(frame),
+            "frame 2: 18 bytes\n"
+            "  0000  48 42 4e 33 00 1b 7f 80  ff 7c 6f 6b 20 22 78 22  |HBN3.....|ok \"x\"|\n"
+            "  0010  0a 5c                                             |.\\|\n");
+  EXPECT_EQ(kivnet::ChannelFrameJson(frame),
+            "{\"kind\": \"frame\", \"frame\": 2, \"length\": 18, \"seconds\": 0.013, \"hex\": "
+            "\"48424e33001b7f80ff7c6f6b2022782"
+            "20a5c\", \"hexBytes\": 18}\n");
+
+  frame.number = 1;
+  frame.length = 70000;
+  frame.head.assign(kivnet::kFrameHeadBytes, 'A');
+  const std::string text = kivnet::ChannelFrameText(frame);
+  EXPECT_EQ(text.substr(0, text.find('\n') + 1), "frame 1: 70000 bytes (the first 64 shown)\n");
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 5);
+  EXPECT_NE(text.find("\n  0030  41 41 "), std::string::npos) << text;
+  EXPECT_NE(kivnet::ChannelFrameJson(frame).find("\"length\": 70000,"), std::string::npos);
+  EXPECT_NE(kivnet::ChannelFrameJson(frame).find("\"hexBytes\": 64}"), std::string::npos);
+
+  frame.length = 1;
+  frame.head = "\x41";
+  EXPECT_EQ(kivnet::ChannelFrameText(frame),
+            "frame 1: 1 byte\n"
+            "  0000  41                                                |A|\n");
+}
+
+TEST(KivnetReport, ChannelOpenSendAndEnd) {
+  EXPECT_EQ(kivnet::ChannelOpenedText("127.0.0.10", 9100, 3),
+            "opened the media channel of 127.0.0.10:9100\n");
+  EXPECT_EQ(kivnet::ChannelOpenedJson("127.0.0.10", 9100, 1),
+            "{\"kind\": \"open\", \"address\": \"127.0.0.10\", \"port\": 9100, \"interface\": "
+            "\"hid\"}\n");
+  EXPECT_EQ(kivnet::ChannelSentText(std::string("\x1b\x45", 2)), "sent 2 bytes: 1b 45\n");
+  EXPECT_EQ(kivnet::ChannelSentText(std::string(20, '\x01')),
+            "sent 20 bytes: 01 01 01 01 01 01 01 01 01 01 01 01 01 01 01 01 ...\n");
+  EXPECT_EQ(kivnet::ChannelSentJson(std::string("\x00\xff", 2)),
+            "{\"kind\": \"sent\", \"bytes\": 2, \"hex\": \"00ff\"}\n");
+
+  const struct {
+    kivnet::ChannelEndReason reason;
+    int signal;
+    const char *text;
+    const char *json;
+  } cases[] = {
+      {kivnet::ChannelEndReason::kCount, 0, "the count was reached", "\"count\""},
+      {kivnet::ChannelEndReason::kClosed, 0, "the device closed the channel", "\"closed\""},
+      {kivnet::ChannelEndReason::kQuiet, 0, "no frame for 1.5 s", "\"quiet\""},
+      {kivnet::ChannelEndReason::kListenerIdle, 0,
+       "the listener ended after more than 20 s without a frame", "\"listener-idle\""},
+      {kivnet::ChannelEndReason::kInterrupted, 2, "interrupted by SIGINT", "\"interrupted\""},
+      {kivnet::ChannelEndReason::kInterrupted, 15, "interrupted by SIGTERM", "\"interrupted\""},
+  };
+  for (const auto &c : cases) {
+    kivnet::ChannelEnd end;
+    end.reason = c.reason;
+    end.signal = c.signal;
+    end.frames = 1;
+    end.bytes = 48;
+    end.seconds = 2.04;
+    end.quietTenths = 15;
+    EXPECT_EQ(kivnet::ChannelEndText(end),
+              "1 frame (48 bytes) in 2.0 s; " + std::string(c.text) + "; channel closed\n");
+    const std::string signal = c.signal == 2    ? "\"SIGINT\""
+                               : c.signal == 15 ? "\"SIGTERM\""
+                                                : "null";
+    EXPECT_EQ(kivnet::ChannelEndJson(end),
+              "{\"kind\": \"end\", \"reason\": " + std::string(c.json) +
+                  ", \"frames\": 1, \"bytes\": 48, \"seconds\": "
+                  "2.040, \"signal\": " +
+                  signal + "}\n");
+  }
+}
+
+TEST(KivnetReport, MacRelocationAndVersion) {
+  kivnet::MacAnswer answer;
+  answer.address = "127.0.0.10";
+  answer.waitSeconds = 2;
+  answer.seconds = 2.0;
+  EXPECT_EQ(kivnet::MacText(answer), "no MAC address from 127.0.0.10 within 2 s\n");
+  EXPECT_NE(kivnet::MacJson(answer).find("\"mac\": null,\n  \"macEt\": null,"), std::string::npos);
+  answer.mac = "024b49560003";
+  answer.seconds = 0.01;
+  EXPECT_EQ(kivnet::MacText(answer),
+            "127.0.0.10 answered in 0.0 s: MAC 024b49560003 (ET024b49560003)\n");
+  EXPECT_NE(kivnet::MacJson(answer).find("\"mac\": \"024b49560003\",\n  \"macEt\": "
+                                         "\"ET024b49560003\","),
+            std::string::npos);
+
+  kivnet::RelocationPlan plan;
+  plan.mac = "024b49560003";
+  plan.store = "/tmp/store";
+  plan.given = "127.0.0.12";
+  plan.waitSeconds = 1;
+  kivnet::RelocationResult result;
+  result.seconds = 3.0;
+  EXPECT_EQ(kivnet::RelocationText(plan, result),
+            "024b49560003 not found in 3.0 s: no answer with that MAC from 127.0.0.12 (the "
+            "address given) or from a web server DNS-SD found in 1 s\n");
+  plan.remembered = "127.0.0.9";
+  EXPECT_NE(kivnet::RelocationText(plan, result)
+                .find("from the remembered address 127.0.0.9, 127.0.0.12 (the address given)"),
+            std::string::npos);
+  result.found = true;
+  result.address = "127.0.0.60";
+  result.remembered = true;
+  result.seconds = 0.01;
+  EXPECT_EQ(kivnet::RelocationText(plan, result),
+            "024b49560003 is at 127.0.0.60 (found in 0.0 s; the address given was 127.0.0.12)\n"
+            "remembered in the device store /tmp/store\n");
+  result.address = "127.0.0.12";
+  result.remembered = false;
+  EXPECT_EQ(kivnet::RelocationText(plan, result),
+            "024b49560003 is at 127.0.0.12, the address given (confirmed in 0.0 s)\n"
+            "not remembered: the device store /tmp/store could not be written\n");
+  const std::string json = kivnet::RelocationJson(plan, result);
+  for (const char *member :
+       {"\"found\": true,", "\"address\": \"127.0.0.12\",", "\"rememberedBefore\": \"127.0.0.9\",",
+        "\"remembered\": false,", "\"waitSeconds\": 1,"}) {
+    EXPECT_NE(json.find(member), std::string::npos) << member << " in\n" << json;
+  }
+
+  EXPECT_EQ(kivnet::VersionText("1.0.0", "1.0.0"), "kivnet (KivNetworkComm) 1.0.0\n");
+  EXPECT_EQ(kivnet::VersionText("1.0.0", "1.2.0"),
+            "kivnet (KivNetworkComm) 1.0.0\n"
+            "running library libKivNetworkComm 1.2.0 (kivnet was built with the 1.0.0 headers)\n");
 }
 
 } // namespace

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "Interfaces/KivNetworkComm.h"
 #include "support/DescriptorCheckedTest.h"
 #include "tools/kivnet/Run.h"
 
@@ -98,6 +99,13 @@ TEST_F(KivnetRun, ExitStatusAndWhereEachLineGoes) {
       {"discover --json-lines " + nobody, 3, "{\"kind\": \"summary\", \"devices\": 0,", ""},
       {"ping " + silent, 1, "", "kivnet: ping: no ping reply from 127.0.7.9:" /* port */},
       {"status --json " + silent, 1, "\"kind\": \"no-answer\",", "no status answer from 127.0.7.9"},
+      {"help channel", 0, "usage: kivnet channel ADDRESS --port PORT", ""},
+      // The channel's JSON is one object a line, its usage error too.
+      {"channel 127.0.7.9 --json", 2,
+       "{\"error\": \"channel needs --port (the device's channel port)\", \"kind\": \"usage\", ",
+       "kivnet: channel needs --port (the device's channel port) (see 'kivnet channel --help')\n"},
+      {"relocate 001122334455 --from 127.0.7.9 --wait 1.5", 2, "",
+       "--wait wants whole seconds from 0 to 60, not '1.5'"},
   };
   for (const auto &c : cases) {
     const Ran ran = RunWords(c.args);
@@ -111,6 +119,17 @@ TEST_F(KivnetRun, ExitStatusAndWhereEachLineGoes) {
       }
     }
   }
+}
+
+// --version names the version of the headers kivnet was built with; the running library here is
+// the one built with them.
+TEST_F(KivnetRun, VersionNamesTheLibrary) {
+  const Ran ran = RunWords("--version");
+  EXPECT_EQ(ran.status, 0);
+  EXPECT_EQ(ran.out, std::string("kivnet (KivNetworkComm) ") + KIVNETWORKCOMM_VERSION + "\n");
+  EXPECT_EQ(ran.err, "");
+  EXPECT_STREQ(GetKivNetworkCommVersion(), KIVNETWORKCOMM_VERSION);
+  EXPECT_EQ(RunWords("--version --json").status, 2);
 }
 
 // A result that cannot be written is a failure, said on standard error.

@@ -76,6 +76,59 @@ struct HostInfo {
   std::vector<std::pair<std::string, std::string>> hardware;
 };
 
+// A channel frame as kivnet shows it: its number (1, 2, ...), its length and its first bytes.
+constexpr std::size_t kFrameHeadBytes = 64;
+struct ChannelFrame {
+  int number = 0;
+  int length = 0;
+  std::string head;   // the first min(length, kFrameHeadBytes) bytes
+  double seconds = 0; // since the channel was opened
+};
+
+// Why a channel watch ended without a failure.
+enum class ChannelEndReason {
+  kCount,        // --frames frames came
+  kClosed,       // the device closed the channel
+  kQuiet,        // no frame for the --wait time
+  kListenerIdle, // the listener ended after more than 20 s without a frame
+  kInterrupted,  // SIGINT or SIGTERM
+};
+
+struct ChannelEnd {
+  ChannelEndReason reason = ChannelEndReason::kClosed;
+  int frames = 0;
+  long long bytes = 0;
+  double seconds = 0;  // from the open (or the start, when the open did not finish)
+  int signal = 0;      // kInterrupted: the signal's number
+  int quietTenths = 0; // kQuiet: the wait that passed
+};
+
+// The answer to a MAC query: `mac` in the relocation form (12 lowercase hexadecimal digits), or
+// empty when nothing usable answered.
+struct MacAnswer {
+  std::string address;
+  std::string mac;
+  int waitSeconds = 0;
+  double seconds = 0;
+};
+
+// What a relocation starts from: the MAC in the form the library compares, the device store and
+// the address it remembers for that MAC ("" for none), the address given and the browse's time.
+struct RelocationPlan {
+  std::string mac;
+  std::string store;
+  std::string remembered;
+  std::string given;
+  int waitSeconds = 0;
+};
+
+struct RelocationResult {
+  bool found = false;
+  std::string address;     // where the device is now, when found
+  bool remembered = false; // the device store holds `address` for the MAC afterwards
+  double seconds = 0;
+};
+
 } // namespace kivnet
 
 #endif // KIV_TOOLS_KIVNET_ANSWERS_H

@@ -2,6 +2,11 @@
 // addresses, ports and MAC texts in the forms the library expects.
 #include "tools/kivnet/CommandLine.h"
 
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+
 #include <cctype>
 #include <cstdlib>
 #include <set>
@@ -12,10 +17,11 @@ const char kBroadcast[] = "BROADCAST";
 
 namespace {
 
-// The help texts. tools/kivnet/kivnet.1 says the same in the manual's form; change both.
+// The help texts. man/kivnet.1 says the same in the manual's form; change both.
 const char kGeneralHelp[] =
     "usage: kivnet COMMAND [options]\n"
     "       kivnet help [COMMAND]\n"
+    "       kivnet --version\n"
     "Finds and talks to network printers and scanners through libKivNetworkComm.\n"
     "\n"
     "commands:\n"
@@ -24,17 +30,24 @@ const char kGeneralHelp[] =
     "  status      read one device's status cache\n"
     "  set-ip      give a device (named by its MAC address) a new IPv4 configuration\n"
     "  host-info   show this host's network settings as the library sees them\n"
+    "  channel     open an HBN3 channel to a device, write bytes and show the frames it sends\n"
+    "  query-mac   ask the device at one address for its MAC address\n"
+    "  relocate    find a device again by its MAC address after its address changed\n"
     "\n"
     "'kivnet help COMMAND' or 'kivnet COMMAND --help' describes a command. Options may come in\n"
-    "any order, each at most once, as '--option VALUE' or '--option=VALUE'; '--' ends them.\n"
+    "any order, each at most once (--send as often as needed), as '--option VALUE' or\n"
+    "'--option=VALUE'; '--' ends them. 'kivnet --version' prints the version of kivnet and of\n"
+    "the library it runs with.\n"
     "\n"
     "Exit status:\n"
-    "  0  success (discover: at least one device answered)\n"
-    "  1  failure: no answer, an unreadable answer, a refused configuration, or a failed\n"
-    "     library or system call (the error line gives the library's result code and the\n"
-    "     system's reason)\n"
-    "  2  wrong command line, or a set-ip configuration refused by the checks\n"
-    "  3  discover: no device answered\n"
+    "  0    success (discover: at least one device answered)\n"
+    "  1    failure: no answer, an unreadable answer, a refused configuration or channel, a\n"
+    "       bad frame, or a failed library or system call (the error line gives the library's\n"
+    "       result code and the system's reason)\n"
+    "  2    wrong command line, or a set-ip configuration refused by the checks\n"
+    "  3    discover: no device answered; query-mac: no MAC address came back; relocate: the\n"
+    "       device was not found\n"
+    "  130  channel: ended by SIGINT (Ctrl-C), after closing the channel; 143 for SIGTERM\n"
     "With --json or --json-lines a failure is also printed on standard output as one JSON\n"
     "object {\"error\": ..., \"kind\": ..., \"code\": ..., \"meaning\": ...}.\n";
 
@@ -131,6 +144,73 @@ const char kHostInfoHelp[] =
     "Exit status: 0 success, 1 no default IPv4 interface or no such interface, 2 a wrong\n"
     "command line.\n";
 
+const char kChannelHelp[] =
+    "usage: kivnet channel ADDRESS --port PORT [--interface scan|hid|print|media]\n"
+    "                      [--send HEX]... [--listen] [--frames N] [--wait SECONDS] [--json]\n"
+    "Opens an HBN3 channel to one end-point interface of the device at ADDRESS (the nine-byte\n"
+    "open request and its answer), writes the bytes of each --send in order, then shows every\n"
+    "frame the device sends: its number, its length and a hex dump (the first 64 bytes of a\n"
+    "longer frame). Tickle packets are skipped. It ends when the device closes the channel,\n"
+    "after --frames frames, after --wait seconds without a frame, or on Ctrl-C (SIGINT) or\n"
+    "SIGTERM; the channel is then closed and a summary line printed.\n"
+    "\n"
+    "  --port PORT      the device's channel port (TCP), 1 to 65535; required\n"
+    "  --interface I    the end-point interface to open: scan (default), hid, print, media\n"
+    "  --send HEX       bytes to write after the open, as hexadecimal pairs, spaces or colons\n"
+    "                   allowed (\"1b 45\", \"1b:45\", \"1b45\"); may be given more than once,\n"
+    "                   each written as one write that may wait 5 s for the device to take it\n"
+    "  --listen         have the library's listener thread hand the frames over (the frames\n"
+    "                   then come to a callback) instead of reading them with ReadManaged; the\n"
+    "                   listener ends by itself after more than 20 s without a frame\n"
+    "  --frames N       stop after N frames, 1 to 1000000 (default: no count)\n"
+    "  --wait SECONDS   stop when no frame has come for this long: 0.1 to 60, in tenths\n"
+    "                   (default: no limit); counted from the open, then from each frame\n"
+    "  --json           print one JSON object a line: the open, each write, each frame, and\n"
+    "                   the end\n"
+    "  -h, --help       print this help\n"
+    "\n"
+    "Exit status: 0 the channel ended as asked (with --frames: all N frames came), 1 the\n"
+    "device refused the open request, could not be reached, sent a bad frame header, took no\n"
+    "data, or ended the channel before N frames, 2 a wrong command line, 130 SIGINT (143\n"
+    "SIGTERM) after the channel was closed.\n";
+
+const char kQueryMacHelp[] =
+    "usage: kivnet query-mac ADDRESS [--wait SECONDS] [--json]\n"
+    "Asks the device at ADDRESS for its MAC address with the HCP discovery query sent to UDP\n"
+    "port 5353 (QueryMACAddressByHCP) and prints it in the form relocate takes (12 lowercase\n"
+    "hexadecimal digits) and in the ET form discover prints. A broadcast or multicast address\n"
+    "is refused: the query would reach every device there.\n"
+    "\n"
+    "  --wait SECONDS  how long to wait for the answer: 1 to 60 whole seconds (default 2)\n"
+    "  --json          print the answer as JSON\n"
+    "  -h, --help      print this help\n"
+    "\n"
+    "Exit status: 0 a MAC address came back, 3 nothing usable answered within the wait, 2 a\n"
+    "wrong command line.\n";
+
+const char kRelocateHelp[] =
+    "usage: kivnet relocate MAC --from ADDRESS [--wait SECONDS] [--json]\n"
+    "Finds the device with the MAC address MAC again after its IPv4 address changed\n"
+    "(ResolveNewIPAddress). Each candidate address is asked for its MAC address (the HCP\n"
+    "discovery query to UDP port 5353, 2 s for the answer): first the address the device store\n"
+    "remembers for MAC, then ADDRESS, then every web server DNS-SD finds within the wait. The\n"
+    "address found is remembered in the device store. On a terminal the stage under way is\n"
+    "shown on standard error, judged by the time passed (the library reports no progress).\n"
+    "\n"
+    "  MAC              the device's MAC address: 00:1B:2C:3D:4E:5F, 00-1b-2c-3d-4e-5f,\n"
+    "                   001b.2c3d.4e5f, 001b2c3d4e5f, or the ET001b2c3d4e5f form that\n"
+    "                   discover prints\n"
+    "  --from ADDRESS   the dotted IPv4 address the device had (not a broadcast or multicast\n"
+    "                   address); required\n"
+    "  --wait SECONDS   how long the DNS-SD browse may take: 0 to 60 whole seconds (default\n"
+    "                   10); the checks before it take up to 4 s more\n"
+    "  --json           print the outcome as JSON\n"
+    "  -h, --help       print this help\n"
+    "\n"
+    "The device store is the file KIVNET_DEVICE_STORE names, or /var/lib/KivNetworkComm/devices.\n"
+    "\n"
+    "Exit status: 0 the device was found, 3 it was not found, 2 a wrong command line.\n";
+
 struct CommandEntry {
   const char *name;
   Command command;
@@ -138,7 +218,8 @@ struct CommandEntry {
 const CommandEntry kCommands[] = {
     {"discover", Command::kDiscover},  {"ping", Command::kPing},
     {"status", Command::kStatus},      {"set-ip", Command::kSetIp},
-    {"host-info", Command::kHostInfo},
+    {"host-info", Command::kHostInfo}, {"channel", Command::kChannel},
+    {"query-mac", Command::kQueryMac}, {"relocate", Command::kRelocate},
 };
 
 Command CommandNamed(const std::string &name) {
@@ -184,38 +265,53 @@ bool Tenths(const std::string &text, int &tenths) {
   return true;
 }
 
-// Which options each command takes; a value option is followed by its value.
+// Which options each command takes; a value option is followed by its value. A repeatable
+// option may be given more than once.
 struct OptionEntry {
   const char *name;
   bool takesValue;
   bool (*allowed)(Command);
+  bool repeatable;
 };
 
 bool Any(Command) { return true; }
-bool Exchanging(Command c) { return c != Command::kHostInfo; }
+bool Waiting(Command c) { return c != Command::kHostInfo; }
+// query-mac and relocate always ask UDP port 5353: the library takes no port for them.
+bool WithPort(Command c) {
+  return c != Command::kHostInfo && c != Command::kQueryMac && c != Command::kRelocate;
+}
 bool Sending(Command c) { return c == Command::kDiscover || c == Command::kSetIp; }
 bool DiscoverOnly(Command c) { return c == Command::kDiscover; }
 bool StatusOnly(Command c) { return c == Command::kStatus; }
 bool SetIpOnly(Command c) { return c == Command::kSetIp; }
-bool HostInfoOnly(Command c) { return c == Command::kHostInfo; }
+bool HostInfoOrChannel(Command c) { return c == Command::kHostInfo || c == Command::kChannel; }
+bool ChannelOnly(Command c) { return c == Command::kChannel; }
+bool RelocateOnly(Command c) { return c == Command::kRelocate; }
 
 const OptionEntry kOptions[] = {
-    {"--help", false, Any},
-    {"--json", false, Any},
-    {"--json-lines", false, DiscoverOnly},
-    {"--to", true, Sending},
-    {"--port", true, Exchanging},
-    {"--wait", true, Exchanging},
-    {"--port-info", true, StatusOnly},
-    {"--channel", true, StatusOnly},
-    {"--mac", true, SetIpOnly},
-    {"--address", true, SetIpOnly},
-    {"--netmask", true, SetIpOnly},
-    {"--gateway", true, SetIpOnly},
-    {"--password", true, SetIpOnly},
-    {"--force", false, SetIpOnly},
-    {"--interface", true, HostInfoOnly},
+    {"--help", false, Any, false},
+    {"--json", false, Any, false},
+    {"--json-lines", false, DiscoverOnly, false},
+    {"--to", true, Sending, false},
+    {"--port", true, WithPort, false},
+    {"--wait", true, Waiting, false},
+    {"--port-info", true, StatusOnly, false},
+    {"--channel", true, StatusOnly, false},
+    {"--mac", true, SetIpOnly, false},
+    {"--address", true, SetIpOnly, false},
+    {"--netmask", true, SetIpOnly, false},
+    {"--gateway", true, SetIpOnly, false},
+    {"--password", true, SetIpOnly, false},
+    {"--force", false, SetIpOnly, false},
+    {"--interface", true, HostInfoOrChannel, false},
+    {"--send", true, ChannelOnly, true},
+    {"--listen", false, ChannelOnly, false},
+    {"--frames", true, ChannelOnly, false},
+    {"--from", true, RelocateOnly, false},
 };
+
+// The end-point interfaces by the names --interface takes, in KivEndPointInterface order.
+const char *const kEndPointNames[] = {"scan", "hid", "print", "media"};
 
 // Stores one flag into `line`.
 void SetFlag(const std::string &option, CommandLine &line) {
@@ -227,7 +323,33 @@ void SetFlag(const std::string &option, CommandLine &line) {
     line.jsonLines = true;
   } else if (option == "--force") {
     line.force = true;
+  } else if (option == "--listen") {
+    line.listen = true;
   }
+}
+
+// The seconds of --wait for the command: tenths from 0.1 to 60 for most, whole seconds for
+// query-mac (1 to 60) and relocate (0 to 60), whose library functions count whole seconds.
+bool ApplyWait(const std::string &value, CommandLine &line, std::string &error) {
+  if (line.command == Command::kQueryMac || line.command == Command::kRelocate) {
+    const unsigned long long low = line.command == Command::kQueryMac ? 1 : 0;
+    unsigned long long seconds = 0;
+    if (!Number(value, low, 60, seconds)) {
+      error =
+          "--wait wants whole seconds from " + std::to_string(low) + " to 60, not '" + value + "'";
+      return false;
+    }
+    line.waitTenths = static_cast<int>(seconds * 10);
+  } else {
+    int tenths = 0;
+    if (!Tenths(value, tenths) || tenths < kMinWaitTenths || tenths > kMaxWaitTenths) {
+      error = "--wait wants seconds from 0.1 to 60 with at most one decimal, not '" + value + "'";
+      return false;
+    }
+    line.waitTenths = tenths;
+  }
+  line.waitGiven = true;
+  return true;
 }
 
 // Stores one option's value into `line`; false with `error` set when the value is wrong.
@@ -249,13 +371,9 @@ bool Apply(const std::string &option, const std::string &value, CommandLine &lin
       return false;
     }
     line.port = static_cast<int>(number);
+    line.portGiven = true;
   } else if (option == "--wait") {
-    int tenths = 0;
-    if (!Tenths(value, tenths) || tenths < kMinWaitTenths || tenths > kMaxWaitTenths) {
-      error = "--wait wants seconds from 0.1 to 60 with at most one decimal, not '" + value + "'";
-      return false;
-    }
-    line.waitTenths = tenths;
+    return ApplyWait(value, line, error);
   } else if (option == "--port-info" || option == "--channel") {
     if (!Number(value, 0, 0xFFFFFFFFull, number)) {
       error = option + " wants a number from 0 to 4294967295, not '" + value + "'";
@@ -277,12 +395,47 @@ bool Apply(const std::string &option, const std::string &value, CommandLine &lin
                              : line.gateway) = value;
   } else if (option == "--password") {
     line.password = value;
+  } else if (option == "--interface" && line.command == Command::kChannel) {
+    std::string lower;
+    for (char c : value) {
+      lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    int found = -1;
+    for (int i = 0; i < 4; ++i) {
+      found = lower == kEndPointNames[i] ? i : found;
+    }
+    if (found < 0) {
+      error = "--interface wants scan, hid, print or media, not '" + value + "'";
+      return false;
+    }
+    line.endPoint = found;
   } else if (option == "--interface") {
     if (value.empty()) {
       error = "--interface wants an interface name";
       return false;
     }
     line.interfaceName = value;
+  } else if (option == "--send") {
+    std::string bytes;
+    if (!ParseHexBytes(value, bytes)) {
+      error = "--send wants hexadecimal bytes such as '1b 45 0d', not '" + value + "'";
+      return false;
+    }
+    line.sends.push_back(bytes);
+  } else if (option == "--frames") {
+    if (!Number(value, 1, kMaxFrames, number)) {
+      error = "--frames wants a number from 1 to " + std::to_string(kMaxFrames) + ", not '" +
+              value + "'";
+      return false;
+    }
+    line.frames = static_cast<int>(number);
+  } else if (option == "--from") {
+    if (!IsDottedAddress(value)) {
+      // The library would read other text as 255.255.255.255 and broadcast its query.
+      error = "--from wants a dotted IPv4 address, not '" + value + "'";
+      return false;
+    }
+    line.from = value;
   }
   return true;
 }
@@ -311,16 +464,59 @@ bool Complete(const std::vector<std::string> &positional, CommandLine &line, std
     error = "--json and --json-lines exclude each other";
     return false;
   }
-  if (line.command == Command::kPing || line.command == Command::kStatus) {
+  if (line.command == Command::kPing || line.command == Command::kStatus ||
+      line.command == Command::kChannel || line.command == Command::kQueryMac) {
     if (positional.size() != 1) {
       error = name + " wants one device address";
       return false;
     }
+    // query-mac: the library would read other text as 255.255.255.255 and broadcast its query.
     if (!IsDottedAddress(positional[0])) {
       error = name + " wants a dotted IPv4 address, not '" + positional[0] + "'";
       return false;
     }
     line.target = positional[0];
+    if (line.command == Command::kQueryMac) {
+      const std::string problem = BroadcastProblem(line.target);
+      if (!problem.empty()) {
+        error = "query-mac asks one device: " + problem;
+        return false;
+      }
+    }
+    if (line.command == Command::kChannel) {
+      if (!line.portGiven) {
+        error = "channel needs --port (the device's channel port)";
+        return false;
+      }
+      if (!line.waitGiven) {
+        line.waitTenths = 0;
+      }
+    } else if (line.command == Command::kQueryMac && !line.waitGiven) {
+      line.waitTenths = kDefaultQueryMacSeconds * 10;
+    }
+    return true;
+  }
+  if (line.command == Command::kRelocate) {
+    if (positional.size() != 1) {
+      error = "relocate wants one MAC address";
+      return false;
+    }
+    if (!NormaliseMac(positional[0], line.mac)) {
+      error = "relocate wants a MAC address such as 00:1B:2C:3D:4E:5F, not '" + positional[0] + "'";
+      return false;
+    }
+    if (line.from.empty()) {
+      error = "relocate needs --from (the address the device had)";
+      return false;
+    }
+    const std::string problem = BroadcastProblem(line.from);
+    if (!problem.empty()) {
+      error = "--from names one device: " + problem;
+      return false;
+    }
+    if (!line.waitGiven) {
+      line.waitTenths = kDefaultRelocateSeconds * 10;
+    }
     return true;
   }
   if (!positional.empty()) {
@@ -385,6 +581,12 @@ std::string HelpText(Command command) {
     return kSetIpHelp;
   case Command::kHostInfo:
     return kHostInfoHelp;
+  case Command::kChannel:
+    return kChannelHelp;
+  case Command::kQueryMac:
+    return kQueryMacHelp;
+  case Command::kRelocate:
+    return kRelocateHelp;
   case Command::kNone:
     break;
   }
@@ -422,6 +624,42 @@ bool IsDottedAddress(const std::string &text) {
     }
     start = end + 1;
   }
+  return true;
+}
+
+std::string EndPointName(int endPoint) {
+  return endPoint >= 0 && endPoint < 4 ? kEndPointNames[endPoint] : "scan";
+}
+
+bool ParseHexBytes(const std::string &text, std::string &bytes) {
+  std::string out;
+  std::string group;
+  // Each group between separators holds whole bytes: "1b45 0d" is three, "1 b45" is wrong.
+  auto flush = [&]() {
+    if (group.size() % 2 != 0) {
+      return false;
+    }
+    for (std::size_t i = 0; i < group.size(); i += 2) {
+      out += static_cast<char>(std::strtoul(group.substr(i, 2).c_str(), nullptr, 16));
+    }
+    group.clear();
+    return true;
+  };
+  for (char c : text) {
+    if (c == ' ' || c == ':') {
+      if (!flush()) {
+        return false;
+      }
+    } else if (std::isxdigit(static_cast<unsigned char>(c))) {
+      group += c;
+    } else {
+      return false;
+    }
+  }
+  if (!flush() || out.empty()) {
+    return false;
+  }
+  bytes = out;
   return true;
 }
 
@@ -468,6 +706,30 @@ bool NormaliseMac(const std::string &text, std::string &mac) {
   }
   mac = digits;
   return true;
+}
+
+std::string BroadcastProblem(const std::string &address) {
+  const UInt32 value = AddressValue(address);
+  if (value == 0xFFFFFFFFu) {
+    return address + " is the broadcast address";
+  }
+  if ((value >> 28) == 0xE) {
+    return address + " is a multicast address";
+  }
+  std::string problem;
+  struct ifaddrs *interfaces = nullptr;
+  if (getifaddrs(&interfaces) != 0) {
+    return problem;
+  }
+  for (const struct ifaddrs *i = interfaces; i != nullptr && problem.empty(); i = i->ifa_next) {
+    if ((i->ifa_flags & IFF_BROADCAST) != 0 && i->ifa_broadaddr != nullptr &&
+        i->ifa_broadaddr->sa_family == AF_INET &&
+        ntohl(reinterpret_cast<const sockaddr_in *>(i->ifa_broadaddr)->sin_addr.s_addr) == value) {
+      problem = address + " is the broadcast address of " + i->ifa_name;
+    }
+  }
+  freeifaddrs(interfaces);
+  return problem;
 }
 
 std::string ConfigurationProblem(const std::string &address, const std::string &netmask,
@@ -522,6 +784,14 @@ bool ParseCommandLine(const std::vector<std::string> &args, CommandLine &line, s
   if (args.empty()) {
     error = "no command given";
     return false;
+  }
+  if (args[0] == "--version") {
+    line.version = true;
+    if (args.size() > 1) {
+      error = "--version takes nothing after it";
+      return false;
+    }
+    return true;
   }
   if (args[0] == "--help" || args[0] == "-h" || args[0] == "help") {
     line.help = true;
@@ -578,7 +848,7 @@ bool ParseCommandLine(const std::vector<std::string> &args, CommandLine &line, s
       error = "unknown option " + option + " for " + name;
       return false;
     }
-    if (!given.insert(option).second) {
+    if (!given.insert(option).second && !found->repeatable) {
       error = option + " given more than once";
       return false;
     }

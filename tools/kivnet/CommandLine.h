@@ -9,7 +9,17 @@
 
 namespace kivnet {
 
-enum class Command { kNone, kDiscover, kPing, kStatus, kSetIp, kHostInfo };
+enum class Command {
+  kNone,
+  kDiscover,
+  kPing,
+  kStatus,
+  kSetIp,
+  kHostInfo,
+  kChannel,
+  kQueryMac,
+  kRelocate,
+};
 
 // The address text that sends to every device on the host's networks (255.255.255.255).
 extern const char kBroadcast[];
@@ -19,33 +29,53 @@ constexpr int kDefaultPort = 5353;
 constexpr int kDefaultWaitTenths = 30;
 constexpr int kMinWaitTenths = 1;
 constexpr int kMaxWaitTenths = 600;
+// query-mac and relocate wait in whole seconds (the library's unit): their defaults.
+constexpr int kDefaultQueryMacSeconds = 2;
+constexpr int kDefaultRelocateSeconds = 10;
+// channel: the most frames --frames may ask for.
+constexpr int kMaxFrames = 1000000;
 
 // Exit statuses, the same for every command.
 constexpr int kExitSuccess = 0;
 constexpr int kExitFailure = 1;      // no answer, an unreadable or refused answer, a failed call
 constexpr int kExitUsage = 2;        // a wrong command line
-constexpr int kExitNothingFound = 3; // discover: no device answered
+constexpr int kExitNothingFound = 3; // discover, query-mac, relocate: no device found
+// channel: ended by a signal, 128 + the signal's number (130 for SIGINT, 143 for SIGTERM)
+constexpr int kExitSignalBase = 128;
 
 // One parsed command line. Only the fields of the chosen command are set from the arguments;
 // the others keep their defaults.
 struct CommandLine {
   Command command = Command::kNone;
   bool help = false;      // --help, -h, or "help": print the command's help (or the general one)
+  bool version = false;   // --version: print the versions of kivnet and of the library
   bool json = false;      // --json: one machine-readable document
   bool jsonLines = false; // --json-lines (discover): one object a line as devices answer
   // Where requests go: a dotted IPv4 address, or kBroadcast (discover and set-ip by default).
   std::string target;
   int port = kDefaultPort;
+  bool portGiven = false;
+  // The wait; for query-mac and relocate whole seconds times ten. channel: 0 when not given (no
+  // limit).
   int waitTenths = kDefaultWaitTenths;
+  bool waitGiven = false;
   UInt32 portInfo = 0; // status: port information of the request
   UInt32 channel = 0;  // status: channel of the request
-  std::string mac;     // set-ip: the device's MAC address, 12 uppercase hexadecimal digits
+  std::string mac;     // set-ip, relocate: the device's MAC address, 12 uppercase hex digits
   std::string address; // set-ip: the new address, net mask and gateway (dotted)
   std::string netmask;
   std::string gateway;
   std::string password;      // set-ip: the device's password (may be empty)
   bool force = false;        // set-ip: send a configuration the checks refuse
   std::string interfaceName; // host-info: the interface whose MAC address to show
+  // channel: the end-point interface (a KivEndPointInterface value: 0 scan, 1 HID, 2 print,
+  // 3 media), the bytes of each --send in order, the listener instead of reads, and the number
+  // of frames after which to stop (0: no count).
+  int endPoint = 0;
+  std::vector<std::string> sends;
+  bool listen = false;
+  int frames = 0;
+  std::string from; // relocate: the address the device had (dotted)
 };
 
 // Parses the arguments after the program name. Returns true with `line` filled, or false with
@@ -70,6 +100,19 @@ std::string CommandName(Command command);
 // "001b.2c3d.4e5f", "001b2c3d4e5f", or the "ET001b2c3d4e5f" form discovery reports) as 12
 // uppercase hexadecimal digits, the form a configuration message needs. False for anything else.
 bool NormaliseMac(const std::string &text, std::string &mac);
+
+// Hexadecimal bytes ("1b 45 0d", "1b:45:0d", "1b450d"): groups of digit pairs separated by spaces
+// or colons. False for an odd group, a character that is no digit or separator, or no byte.
+bool ParseHexBytes(const std::string &text, std::string &bytes);
+
+// The name --interface takes for an end-point interface value ("scan", "hid", "print", "media").
+std::string EndPointName(int endPoint);
+
+// Why a query to `address` (dotted) would not stay with one device: the MAC query of query-mac
+// and relocate is sent with broadcasting allowed, so the limited broadcast address
+// 255.255.255.255, a multicast address (224.0.0.0/4) or the broadcast address of one of the
+// host's interfaces would reach every device there. Empty when none applies.
+std::string BroadcastProblem(const std::string &address);
 
 // True for dotted-decimal IPv4 text of four numbers 0-255 without leading zeros.
 bool IsDottedAddress(const std::string &text);

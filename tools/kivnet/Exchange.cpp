@@ -44,8 +44,7 @@ constexpr UInt32 kConfigurationAnswer = kCmdReplyFlag | kHCPConfigCommand;
 
 // The status answer: the HBN3 header, then the payload's fixed part, whose bytes 12-15 declare
 // how many status bytes follow.
-constexpr int kStatusFixedEnd =
-    kHBN3HeaderLength + KivHBN3StatusCacheResponsePayload::kFixedLength;
+constexpr int kStatusFixedEnd = kHBN3HeaderLength + KivHBN3StatusCacheResponsePayload::kFixedLength;
 constexpr int kOffStatusLength = kHBN3HeaderLength + 12;
 
 // The configuration answer names the device at bytes 6-11, where the configuration message
@@ -458,6 +457,12 @@ std::string KindName(FailureKind kind) {
     return "refused";
   case FailureKind::kHost:
     return "host";
+  case FailureKind::kOpenRefused:
+    return "open-refused";
+  case FailureKind::kBadFrame:
+    return "bad-frame";
+  case FailureKind::kEndedEarly:
+    return "ended-early";
   }
   return "none";
 }

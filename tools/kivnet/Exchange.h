@@ -14,12 +14,15 @@ namespace kivnet {
 // What kind of failure ended an exchange.
 enum class FailureKind {
   kNone,
-  kCall,       // an exported function or a system call failed
-  kNoAnswer,   // nothing from the asked device within the wait
-  kUnreadable, // the device answered, but nothing it sent could be read
-  kCutShort,   // the answer declares more bytes than arrived
-  kRefused,    // the device refused the configuration
-  kHost,       // the host lacks what the command needs (a default interface, a named interface)
+  kCall,        // an exported function or a system call failed
+  kNoAnswer,    // nothing from the asked device within the wait
+  kUnreadable,  // the device answered, but nothing it sent could be read
+  kCutShort,    // the answer declares more bytes than arrived
+  kRefused,     // the device refused the configuration
+  kHost,        // the host lacks what the command needs (a default interface, a named interface)
+  kOpenRefused, // the device refused a channel's open request
+  kBadFrame,    // a channel frame header without "HBN3" or with an impossible length
+  kEndedEarly,  // the channel ended before the frames asked for
 };
 
 // The name of a kind as the JSON error object gives it ("call-failed", "no-answer", ...).

@@ -3,11 +3,14 @@
 // Printable.
 #include "tools/kivnet/Report.h"
 
+#include <signal.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
 
+#include "tools/kivnet/CommandLine.h"
 #include "tools/kivnet/ResultCodes.h"
 
 namespace kivnet {
@@ -529,6 +532,224 @@ std::string HostInfoJson(const HostInfo &host) {
              .Raw("interfaces", JsonArray(hardware, 2))
              .Pretty(0) +
          "\n";
+}
+
+namespace {
+
+// Bytes as "1b 45 0d".
+std::string SpacedHex(const std::string &bytes) {
+  std::string out;
+  char pair[4];
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    std::snprintf(pair, sizeof pair, "%02x", static_cast<unsigned char>(bytes[i]));
+    out += (i == 0 ? "" : " ") + std::string(pair);
+  }
+  return out;
+}
+
+// 16 bytes a line: the offset, the bytes in two groups of eight, and the bytes as characters
+// (printable ASCII, '.' for the others) between bars.
+std::string HexDump(const std::string &bytes) {
+  std::string out;
+  for (std::size_t line = 0; line < bytes.size(); line += 16) {
+    char text[32];
+    std::snprintf(text, sizeof text, "  %04zx  ", line);
+    std::string hex = text, characters;
+    for (std::size_t i = line; i < line + 16; ++i) {
+      if (i < bytes.size()) {
+        const unsigned char c = static_cast<unsigned char>(bytes[i]);
+        std::snprintf(text, sizeof text, "%02x ", c);
+        hex += text;
+        characters += c >= 0x20 && c < 0x7F ? static_cast<char>(c) : '.';
+      } else {
+        hex += "   ";
+      }
+      if (i == line + 7) {
+        hex += " ";
+      }
+    }
+    out += hex + " |" + characters + "|\n";
+  }
+  return out;
+}
+
+std::string SignalName(int signal) {
+  return signal == SIGINT ? "SIGINT" : signal == SIGTERM ? "SIGTERM" : std::to_string(signal);
+}
+
+const char *ReasonName(ChannelEndReason reason) {
+  switch (reason) {
+  case ChannelEndReason::kCount:
+    return "count";
+  case ChannelEndReason::kClosed:
+    return "closed";
+  case ChannelEndReason::kQuiet:
+    return "quiet";
+  case ChannelEndReason::kListenerIdle:
+    return "listener-idle";
+  case ChannelEndReason::kInterrupted:
+    break;
+  }
+  return "interrupted";
+}
+
+} // namespace
+
+std::string ChannelOpenedText(const std::string &address, int port, int endPoint) {
+  return "opened the " + EndPointName(endPoint) + " channel of " + address + ":" +
+         std::to_string(port) + "\n";
+}
+
+std::string ChannelOpenedJson(const std::string &address, int port, int endPoint) {
+  return JsonObject()
+             .Text("kind", "open")
+             .Text("address", address)
+             .Int("port", port)
+             .Text("interface", EndPointName(endPoint))
+             .Compact() +
+         "\n";
+}
+
+std::string ChannelSentText(const std::string &bytes) {
+  // A long write is shown by its first bytes, as a frame is.
+  const std::size_t shown = std::min<std::size_t>(bytes.size(), 16);
+  return "sent " + Plural(bytes.size(), "byte", "bytes") + ": " +
+         SpacedHex(bytes.substr(0, shown)) + (shown < bytes.size() ? " ..." : "") + "\n";
+}
+
+std::string ChannelSentJson(const std::string &bytes) {
+  return JsonObject()
+             .Text("kind", "sent")
+             .Int("bytes", static_cast<long long>(bytes.size()))
+             .Text("hex", HexBytes(bytes))
+             .Compact() +
+         "\n";
+}
+
+std::string ChannelFrameText(const ChannelFrame &frame) {
+  std::string out = "frame " + std::to_string(frame.number) + ": " +
+                    Plural(static_cast<std::size_t>(frame.length), "byte", "bytes");
+  if (frame.head.size() < static_cast<std::size_t>(frame.length)) {
+    out += " (the first " + std::to_string(frame.head.size()) + " shown)";
+  }
+  return out + "\n" + HexDump(frame.head);
+}
+
+std::string ChannelFrameJson(const ChannelFrame &frame) {
+  return JsonObject()
+             .Text("kind", "frame")
+             .Int("frame", frame.number)
+             .Int("length", frame.length)
+             .Raw("seconds", Number(frame.seconds, 3))
+             .Text("hex", HexBytes(frame.head))
+             .Int("hexBytes", static_cast<long long>(frame.head.size()))
+             .Compact() +
+         "\n";
+}
+
+std::string ChannelEndText(const ChannelEnd &end) {
+  std::string why;
+  switch (end.reason) {
+  case ChannelEndReason::kCount:
+    why = "the count was reached";
+    break;
+  case ChannelEndReason::kClosed:
+    why = "the device closed the channel";
+    break;
+  case ChannelEndReason::kQuiet:
+    why = "no frame for " + WaitText(end.quietTenths) + " s";
+    break;
+  case ChannelEndReason::kListenerIdle:
+    why = "the listener ended after more than 20 s without a frame";
+    break;
+  case ChannelEndReason::kInterrupted:
+    why = "interrupted by " + SignalName(end.signal);
+    break;
+  }
+  return Plural(static_cast<std::size_t>(end.frames), "frame", "frames") + " (" +
+         Plural(static_cast<std::size_t>(end.bytes), "byte", "bytes") + ") in " +
+         Number(end.seconds, 1) + " s; " + why + "; channel closed\n";
+}
+
+std::string ChannelEndJson(const ChannelEnd &end) {
+  return JsonObject()
+             .Text("kind", "end")
+             .Text("reason", ReasonName(end.reason))
+             .Int("frames", end.frames)
+             .Int("bytes", end.bytes)
+             .Raw("seconds", Number(end.seconds, 3))
+             .TextOrNull("signal", end.reason == ChannelEndReason::kInterrupted
+                                       ? SignalName(end.signal)
+                                       : std::string())
+             .Compact() +
+         "\n";
+}
+
+std::string MacText(const MacAnswer &answer) {
+  if (answer.mac.empty()) {
+    return "no MAC address from " + answer.address + " within " +
+           std::to_string(answer.waitSeconds) + " s\n";
+  }
+  return answer.address + " answered in " + Number(answer.seconds, 1) + " s: MAC " +
+         Printable(answer.mac) + " (ET" + Printable(answer.mac) + ")\n";
+}
+
+std::string MacJson(const MacAnswer &answer) {
+  return JsonObject()
+             .Text("address", answer.address)
+             .Raw("mac", answer.mac.empty() ? "null" : JsonString(answer.mac))
+             .Raw("macEt", answer.mac.empty() ? "null" : JsonString("ET" + answer.mac))
+             .Raw("seconds", Number(answer.seconds, 3))
+             .Pretty(0) +
+         "\n";
+}
+
+std::string RelocationText(const RelocationPlan &plan, const RelocationResult &result) {
+  if (!result.found) {
+    std::string where;
+    if (!plan.remembered.empty()) {
+      where += "the remembered address " + plan.remembered + ", ";
+    }
+    where += plan.given + " (the address given)";
+    return plan.mac + " not found in " + Number(result.seconds, 1) +
+           " s: no answer with that MAC from " + where + " or from a web server DNS-SD found in " +
+           std::to_string(plan.waitSeconds) + " s\n";
+  }
+  const std::string address = Printable(result.address);
+  std::string out = result.address == plan.given
+                        ? plan.mac + " is at " + address + ", the address given (confirmed in " +
+                              Number(result.seconds, 1) + " s)\n"
+                        : plan.mac + " is at " + address + " (found in " +
+                              Number(result.seconds, 1) + " s; the address given was " +
+                              plan.given + ")\n";
+  out += result.remembered ? "remembered in the device store " + Printable(plan.store) + "\n"
+                           : "not remembered: the device store " + Printable(plan.store) +
+                                 " could not be written\n";
+  return out;
+}
+
+std::string RelocationJson(const RelocationPlan &plan, const RelocationResult &result) {
+  return JsonObject()
+             .Text("mac", plan.mac)
+             .Bool("found", result.found)
+             .TextOrNull("address", result.address)
+             .Text("given", plan.given)
+             .TextOrNull("rememberedBefore", plan.remembered)
+             .Text("store", plan.store)
+             .Bool("remembered", result.remembered)
+             .Int("waitSeconds", plan.waitSeconds)
+             .Raw("seconds", Number(result.seconds, 3))
+             .Pretty(0) +
+         "\n";
+}
+
+std::string VersionText(const std::string &headers, const std::string &library) {
+  std::string out = "kivnet (KivNetworkComm) " + headers + "\n";
+  if (library != headers) {
+    out += "running library libKivNetworkComm " + library + " (kivnet was built with the " +
+           headers + " headers)\n";
+  }
+  return out;
 }
 
 std::string ErrorJson(const ErrorReport &error, bool oneLine) {

@@ -56,6 +56,30 @@ std::string ConfigJson(const ConfigAnswer &answer, const std::string &mac);
 std::string HostInfoText(const HostInfo &host);
 std::string HostInfoJson(const HostInfo &host);
 
+// The channel watch, a line (or a JSON object on one line) as each step happens: the open, each
+// write, each frame (its length and a hex dump of its first kFrameHeadBytes bytes, 16 a line with
+// their offset and characters, as hexdump -C shows them), and the end.
+std::string ChannelOpenedText(const std::string &address, int port, int endPoint);
+std::string ChannelOpenedJson(const std::string &address, int port, int endPoint);
+std::string ChannelSentText(const std::string &bytes);
+std::string ChannelSentJson(const std::string &bytes);
+std::string ChannelFrameText(const ChannelFrame &frame);
+std::string ChannelFrameJson(const ChannelFrame &frame);
+std::string ChannelEndText(const ChannelEnd &end);
+std::string ChannelEndJson(const ChannelEnd &end);
+
+// A MAC query's answer, or that nothing usable answered.
+std::string MacText(const MacAnswer &answer);
+std::string MacJson(const MacAnswer &answer);
+
+// A relocation's outcome.
+std::string RelocationText(const RelocationPlan &plan, const RelocationResult &result);
+std::string RelocationJson(const RelocationPlan &plan, const RelocationResult &result);
+
+// "kivnet (KivNetworkComm) <headers>", and a second line naming the running library's version
+// when it is another.
+std::string VersionText(const std::string &headers, const std::string &library);
+
 // A failure as the JSON error object gives it.
 struct ErrorReport {
   std::string text;     // the error line without "kivnet: COMMAND: "

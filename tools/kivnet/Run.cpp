@@ -2,13 +2,23 @@
 // the failure, and checks that the output was written.
 #include "tools/kivnet/Run.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <exception>
+#include <memory>
+#include <mutex>
+#include <thread>
 
+#include "Interfaces/KivNetworkComm.h"
+#include "tools/kivnet/Channel.h"
 #include "tools/kivnet/CommandLine.h"
 #include "tools/kivnet/Exchange.h"
+#include "tools/kivnet/Relocation.h"
 #include "tools/kivnet/Report.h"
 #include "tools/kivnet/ResultCodes.h"
 
@@ -31,6 +41,12 @@ std::string KindMeaning(FailureKind kind) {
     return "the device refused the configuration";
   case FailureKind::kHost:
     return "the host lacks what the command needs";
+  case FailureKind::kOpenRefused:
+    return "the device refused the open request";
+  case FailureKind::kBadFrame:
+    return "the device sent a bad frame header; the channel cannot be read any further";
+  case FailureKind::kEndedEarly:
+    return "the channel ended before the frames asked for";
   case FailureKind::kNone:
     break;
   }
@@ -48,6 +64,8 @@ public:
       mWriteError = errno != 0 ? errno : EIO;
     }
   }
+
+  std::FILE *err() const { return mErr; }
 
   // "kivnet: COMMAND: <line>" on the error stream; `line` ends without a line break.
   void Err(const std::string &command, const std::string &line) {
@@ -71,8 +89,51 @@ private:
   int mWriteError = 0;
 };
 
+// The stage of a relocation on one line of a terminal, redrawn a few times a second while the
+// relocation blocks, and cleared when it ends.
+class ProgressLine {
+public:
+  ProgressLine(std::FILE *terminal, const RelocationPlan &plan)
+      : mTerminal(terminal), mPlan(plan), mStart(std::chrono::steady_clock::now()),
+        mThread([this] { Draw(); }) {}
+  ~ProgressLine() {
+    {
+      std::lock_guard<std::mutex> lock(mMutex);
+      mDone = true;
+    }
+    mWake.notify_all();
+    mThread.join();
+    std::fputs("\r\033[K", mTerminal);
+    std::fflush(mTerminal);
+  }
+  ProgressLine(const ProgressLine &) = delete;
+  ProgressLine &operator=(const ProgressLine &) = delete;
+
+private:
+  void Draw() {
+    std::unique_lock<std::mutex> lock(mMutex);
+    while (!mDone) {
+      const double elapsed =
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - mStart).count();
+      // "\r" and erase to the end of the line: the stage replaces the one before.
+      std::fprintf(mTerminal, "\r\033[Kkivnet: relocate: %s",
+                   RelocationStage(mPlan, elapsed).c_str());
+      std::fflush(mTerminal);
+      mWake.wait_for(lock, std::chrono::milliseconds(200));
+    }
+  }
+
+  std::FILE *mTerminal;
+  const RelocationPlan &mPlan;
+  const std::chrono::steady_clock::time_point mStart;
+  std::mutex mMutex;
+  std::condition_variable mWake;
+  bool mDone = false;
+  std::thread mThread; // last: starts once the fields above are ready
+};
+
 // The run of one parsed command line.
-class Runner : public DiscoveryListener {
+class Runner : public DiscoveryListener, public ChannelWatcher {
 public:
   Runner(const CommandLine &line, Output &output)
       : mLine(line), mOutput(output), mCommand(CommandName(line.command)) {}
@@ -109,6 +170,16 @@ public:
       const Failure failure = ReadHostInfo(mLine.interfaceName, host);
       return failure.failed() ? Failed(failure) : Print(HostInfoJson(host), HostInfoText(host));
     }
+    case Command::kChannel:
+      return Watching();
+    case Command::kQueryMac: {
+      MacAnswer answer;
+      QueryMac(mLine, answer);
+      mOutput.Out(mLine.json ? MacJson(answer) : MacText(answer));
+      return answer.mac.empty() ? kExitNothingFound : kExitSuccess;
+    }
+    case Command::kRelocate:
+      return Relocating();
     case Command::kNone:
       break;
     }
@@ -146,7 +217,47 @@ public:
     }
   }
 
+  void Opened(const std::string &address, int port, int endPoint) override {
+    mOutput.Out(mLine.json ? ChannelOpenedJson(address, port, endPoint)
+                           : ChannelOpenedText(address, port, endPoint));
+  }
+
+  void Sent(const std::string &bytes) override {
+    mOutput.Out(mLine.json ? ChannelSentJson(bytes) : ChannelSentText(bytes));
+  }
+
+  void Frame(const ChannelFrame &frame) override {
+    mOutput.Out(mLine.json ? ChannelFrameJson(frame) : ChannelFrameText(frame));
+  }
+
 private:
+  int Watching() {
+    ChannelEnd end;
+    const Failure failure = WatchChannel(mLine, *this, end);
+    if (failure.failed()) {
+      return Failed(failure);
+    }
+    mOutput.Out(mLine.json ? ChannelEndJson(end) : ChannelEndText(end));
+    return end.reason == ChannelEndReason::kInterrupted ? kExitSignalBase + end.signal
+                                                        : kExitSuccess;
+  }
+
+  int Relocating() {
+    const RelocationPlan plan = PlanRelocation(mLine);
+    RelocationResult result;
+    {
+      // The relocation gives no progress and may take seconds: a person at a terminal is shown
+      // the stage it is in by the time passed; a script or --json gets nothing of it.
+      std::unique_ptr<ProgressLine> progress;
+      if (!mLine.json && isatty(fileno(mOutput.err()))) {
+        progress.reset(new ProgressLine(mOutput.err(), plan));
+      }
+      Relocate(plan, result);
+    }
+    mOutput.Out(mLine.json ? RelocationJson(plan, result) : RelocationText(plan, result));
+    return result.found ? kExitSuccess : kExitNothingFound;
+  }
+
   int Discovering() {
     Discovery discovery;
     const Failure failure = Discover(mLine, discovery, this);
@@ -185,7 +296,8 @@ private:
       report.meaning = failure.code != 0 ? DescribeCode(failure.code) : KindMeaning(failure.kind);
       report.system = failure.SystemReason();
       report.exitStatus = kExitFailure;
-      mOutput.Out(ErrorJson(report, mLine.jsonLines));
+      // The channel's --json prints one object a line; its failure is one line too.
+      mOutput.Out(ErrorJson(report, mLine.jsonLines || mLine.command == Command::kChannel));
     }
     return kExitFailure;
   }
@@ -211,13 +323,18 @@ int RunKivnet(const std::vector<std::string> &args, std::FILE *out, std::FILE *e
       report.kind = "usage";
       report.meaning = "the command line is wrong";
       report.exitStatus = kExitUsage;
-      const bool oneLine = std::find(args.begin(), args.end(), "--json-lines") != args.end();
+      const bool oneLine = std::find(args.begin(), args.end(), "--json-lines") != args.end() ||
+                           line.command == Command::kChannel;
       output.Out(ErrorJson(report, oneLine));
     }
     return output.Finish("", kExitUsage);
   }
   if (line.help) {
     output.Out(HelpText(line.command));
+    return output.Finish("", kExitSuccess);
+  }
+  if (line.version) {
+    output.Out(VersionText(KIVNETWORKCOMM_VERSION, GetKivNetworkCommVersion()));
     return output.Finish("", kExitSuccess);
   }
   Runner runner(line, output);
