@@ -15,6 +15,7 @@
 
 #include "Interfaces/KivNetworkComm.h"
 #include "sim/Simulator.h"
+#include "support/AddressBuffer.h"
 #include "support/DescriptorCheckedTest.h"
 #include "support/ScriptedResponder.h"
 
@@ -45,7 +46,8 @@ double SecondsSince(Clock::time_point start) {
 // Loopback addresses 127.0.10.50 to 127.0.10.99 belong to this file, each to one test. The store
 // is a file in a scratch folder named by KIVNET_DEVICE_STORE. The caller's buffer has 16 bytes
 // and a guard area behind them.
-class RelocationFunctions : public kivtest::DescriptorCheckedTest {
+class RelocationFunctions : public kivtest::DescriptorCheckedTest,
+                            protected kivtest::AddressBuffer {
 protected:
   void SetUp() override {
     ASSERT_TRUE(kNoSystemBus);
@@ -62,19 +64,6 @@ protected:
     fs::remove_all(folder);
   }
 
-  void Hold(const char *address) {
-    std::memset(buffer, 0xA5, sizeof buffer);
-    std::strcpy(buffer, address);
-  }
-  std::string Held() const { return std::string(buffer, strnlen(buffer, 16)); }
-  bool GuardIntact() const {
-    for (std::size_t i = 16; i < sizeof buffer; ++i) {
-      if (static_cast<unsigned char>(buffer[i]) != 0xA5) {
-        return false;
-      }
-    }
-    return true;
-  }
   std::string StoreText() const {
     std::ifstream in(store);
     std::ostringstream text;
@@ -83,7 +72,6 @@ protected:
   }
 
   std::string folder, store;
-  char buffer[32];
 };
 
 // A peer that answers with another device's MAC at once, so a check of its address fails fast.

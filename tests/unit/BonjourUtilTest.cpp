@@ -23,6 +23,7 @@
 #include "HelperFiles/KivAvahiServiceBrowser.h"
 #include "HelperFiles/KivBonjourUtil.h"
 #include "sim/Simulator.h"
+#include "support/AddressBuffer.h"
 #include "support/DescriptorCheckedTest.h"
 #include "support/ScriptedResponder.h"
 
@@ -311,31 +312,13 @@ kiv::KivServiceBrowserFactory BrowseScript::Factory() {
 }
 
 // Addresses 127.0.10.10 and up; a caller's buffer of 16 bytes with a guard area behind it.
-class Relocation : public kivtest::DescriptorCheckedTest {
+class Relocation : public kivtest::DescriptorCheckedTest, protected kivtest::AddressBuffer {
 protected:
-  void SetUp() override {
-    kivtest::DescriptorCheckedTest::SetUp();
-    std::memset(buffer, 0xA5, sizeof buffer);
-  }
-  void Hold(const char *address) {
-    std::memset(buffer, 0xA5, sizeof buffer);
-    std::strcpy(buffer, address);
-  }
-  std::string Held() const { return std::string(buffer, strnlen(buffer, 16)); }
-  bool GuardIntact() const {
-    for (std::size_t i = 16; i < sizeof buffer; ++i) {
-      if (static_cast<unsigned char>(buffer[i]) != 0xA5) {
-        return false;
-      }
-    }
-    return true;
-  }
   bool Relocate(const char *mac, UInt32 timeout) {
     KivNetBonjourUtil relocation(store, script.Factory());
     return relocation.resolveNewIPAddress(buffer, mac, timeout);
   }
 
-  char buffer[32];
   FakeStore store;
   BrowseScript script;
 };
