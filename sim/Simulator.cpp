@@ -43,6 +43,16 @@ bool ParseAddress(const std::string &text, in_addr &address) {
 
 bool IsLoopback(const in_addr &address) { return (ntohl(address.s_addr) >> 24) == 127; }
 
+// The faults that change an answer's bytes: garbage in its place, then the cut.
+void ApplyFaults(const Faults &faults, int device, Bytes &answer) {
+  if (faults.garbage) {
+    answer = Garbage(answer.size(), static_cast<std::uint32_t>(device + 1));
+  }
+  if (faults.truncateTo >= 0 && answer.size() > static_cast<std::size_t>(faults.truncateTo)) {
+    answer.resize(static_cast<std::size_t>(faults.truncateTo));
+  }
+}
+
 // The pipe Stop writes to, so that the loop leaves its wait at once.
 class WakePipe {
 public:
@@ -121,10 +131,12 @@ public:
   void SetDevice(int index, const DeviceRecord &record) {
     std::lock_guard<std::mutex> lock(mutex_);
     At(index).record = record;
+    At(index).answerStale = true;
   }
   void SetFaults(int index, const Faults &faults) {
     std::lock_guard<std::mutex> lock(mutex_);
     At(index).faults = faults;
+    At(index).answerStale = true;
   }
   Faults GetFaults(int index) const {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -142,14 +154,26 @@ public:
   const ChannelServer &Channels() const { return channels_; }
 
 private:
-  // Shared fields are guarded by mutex_; `sockets` belongs to the serving thread while it runs
-  // and to Start and Stop otherwise.
+  // Shared fields are guarded by mutex_; `sockets` and `discoveryAnswer` belong to the serving
+  // thread while it runs and to Start and Stop otherwise.
   struct DeviceState {
     DeviceRecord record;
     Faults faults;
     DeviceCounters counters;
     std::string boundAddress;
+    bool answerStale = true; // the record or the faults changed since discoveryAnswer was built
     std::map<std::uint16_t, std::shared_ptr<DatagramSocket>> sockets; // by port
+    // The discovery answer as the device's faults make it, built once per change of record or
+    // faults (under mutex_), so that a query only writes its transaction identifier into it.
+    Bytes discoveryAnswer;
+  };
+  // One device's part of the answer to a group discovery query.
+  struct Outgoing {
+    int device;
+    DatagramSocket *socket;
+    int copies;
+    int sent;
+    int failed;
   };
   // A socket the loop polls: a device's (device >= 0) or the group listener's (-1).
   struct Source {
@@ -184,6 +208,8 @@ private:
   void Run();
   void Serve();
   void Receive(const Source &source, std::uint8_t *buffer, std::size_t size);
+  const Bytes &DiscoveryAnswerOf(int device, std::uint16_t id);
+  void AnswerGroupDiscovery(std::uint16_t port, std::uint16_t id, const sockaddr_in &peer);
   void HandleForDevice(int device, std::uint16_t port, const std::uint8_t *data, std::size_t length,
                        const sockaddr_in &peer);
   void SendNow(int device, DatagramSocket &socket, const sockaddr_in &peer, const Bytes &bytes,
@@ -208,6 +234,7 @@ private:
 
   // The serving thread's own.
   std::vector<Pending> pending_;
+  std::vector<Outgoing> burst_;
   bool sourcesChanged_ = false;
 };
 
@@ -229,6 +256,10 @@ void Simulator::Engine::Start() {
           (address.s_addr != htonl(INADDR_ANY) && !MayServe(address))) {
         throw std::invalid_argument("group address not served: " + options_.groupAddress);
       }
+    }
+    // Every answer to the first query is ready before it comes.
+    for (std::size_t i = 0; i < devices_.size(); ++i) {
+      DiscoveryAnswerOf(static_cast<int>(i), 0);
     }
     // Set before the thread exists: from here on no device may be added under its feet.
     running_ = true;
@@ -397,6 +428,9 @@ void Simulator::Engine::Receive(const Source &source, std::uint8_t *buffer, std:
         continue; // the device has moved away from this address; the socket closes soon
       }
       HandleForDevice(source.device, source.port, buffer, length, peer);
+    } else if (Classify(buffer, length) == RequestKind::kDiscovery) {
+      AnswerGroupDiscovery(source.port, static_cast<std::uint16_t>((buffer[0] << 8) | buffer[1]),
+                           peer);
     } else {
       for (std::size_t device = 0; device < devices_.size(); ++device) {
         HandleForDevice(static_cast<int>(device), source.port, buffer, length, peer);
@@ -405,11 +439,93 @@ void Simulator::Engine::Receive(const Source &source, std::uint8_t *buffer, std:
   }
 }
 
+// Called under mutex_ (or before the serving thread runs).
+const Bytes &Simulator::Engine::DiscoveryAnswerOf(int device, std::uint16_t id) {
+  DeviceState &state = *devices_[static_cast<std::size_t>(device)];
+  if (state.answerStale) {
+    state.discoveryAnswer = DiscoveryAnswer(state.record, 0, state.faults.wrongMac);
+    ApplyFaults(state.faults, device, state.discoveryAnswer);
+    state.answerStale = false;
+  }
+  // The transaction identifier leads the answer; garbage has none, and a cut answer keeps what
+  // is left of it.
+  Bytes &answer = state.discoveryAnswer;
+  if (!state.faults.garbage) {
+    if (!answer.empty()) {
+      answer[0] = static_cast<std::uint8_t>(id >> 8);
+    }
+    if (answer.size() > 1) {
+      answer[1] = static_cast<std::uint8_t>(id & 0xFF);
+    }
+  }
+  return answer;
+}
+
+void Simulator::Engine::AnswerGroupDiscovery(std::uint16_t port, std::uint16_t id,
+                                             const sockaddr_in &peer) {
+  // Every device's answer is ready and none is built, copied or locked for while the answers
+  // leave: they leave one after the other as fast as the sockets take them, like the answers of
+  // many devices on one segment, which all come within a few milliseconds.
+  burst_.clear();
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (std::size_t i = 0; i < devices_.size(); ++i) {
+      const int device = static_cast<int>(i);
+      DeviceState &state = *devices_[i];
+      ++state.counters.discovery;
+      const Bytes &answer = DiscoveryAnswerOf(device, id);
+      const auto found = state.sockets.find(port);
+      if (found == state.sockets.end() || answer.empty() || state.faults.silent) {
+        continue;
+      }
+      const int copies = std::clamp(state.faults.copies, 1, kMaxCopies);
+      const int delay = std::clamp(state.faults.delayMs, 0, kMaxDelayMs);
+      if (delay > 0) {
+        if (pending_.size() < kMaxPending) {
+          pending_.push_back(Pending{Clock::now() + std::chrono::milliseconds(delay), device,
+                                     copies, found->second, peer, answer});
+        }
+        continue;
+      }
+      // Counted before the answer leaves, so that a peer holding it sees it counted; what does
+      // not leave is taken back afterwards.
+      state.counters.answersSent += static_cast<unsigned long>(copies);
+      burst_.push_back(Outgoing{device, found->second.get(), copies, 0, 0});
+    }
+  }
+  bool corrections = false;
+  for (Outgoing &out : burst_) {
+    if (stopping_.load()) {
+      corrections = true; // Stop drops the answers not yet sent
+      continue;
+    }
+    const Bytes &answer = devices_[static_cast<std::size_t>(out.device)]->discoveryAnswer;
+    for (int i = 0; i < out.copies; ++i) {
+      if (out.socket->SendTo(answer.data(), answer.size(), peer)) {
+        ++out.sent;
+      } else {
+        ++out.failed;
+      }
+    }
+    corrections = corrections || out.sent != out.copies;
+  }
+  if (!corrections) {
+    return;
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const Outgoing &out : burst_) {
+    DeviceCounters &counters = devices_[static_cast<std::size_t>(out.device)]->counters;
+    counters.answersSent -= static_cast<unsigned long>(out.copies - out.sent);
+    counters.sendFailures += static_cast<unsigned long>(out.failed);
+  }
+}
+
 void Simulator::Engine::HandleForDevice(int device, std::uint16_t port, const std::uint8_t *data,
                                         std::size_t length, const sockaddr_in &peer) {
   const RequestKind kind = Classify(data, length);
   Bytes answer;
   Faults faults;
+  bool faultsApplied = false; // the discovery answer comes with them
   bool moved = false;
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -419,8 +535,8 @@ void Simulator::Engine::HandleForDevice(int device, std::uint16_t port, const st
     switch (kind) {
     case RequestKind::kDiscovery:
       ++counters.discovery;
-      answer = DiscoveryAnswer(state.record, static_cast<std::uint16_t>((data[0] << 8) | data[1]),
-                               faults.wrongMac);
+      answer = DiscoveryAnswerOf(device, static_cast<std::uint16_t>((data[0] << 8) | data[1]));
+      faultsApplied = true;
       break;
     case RequestKind::kConfiguration: {
       ++counters.configuration;
@@ -431,6 +547,7 @@ void Simulator::Engine::HandleForDevice(int device, std::uint16_t port, const st
           state.record.ipAddress = outcome.ipAddress;
           state.record.netmask = outcome.netmask;
           state.record.gateway = outcome.gateway;
+          state.answerStale = true;
           moved = true;
         }
       }
@@ -471,11 +588,8 @@ void Simulator::Engine::HandleForDevice(int device, std::uint16_t port, const st
   if (answer.empty() || faults.silent) {
     return;
   }
-  if (faults.garbage) {
-    answer = Garbage(answer.size(), static_cast<std::uint32_t>(device + 1));
-  }
-  if (faults.truncateTo >= 0 && answer.size() > static_cast<std::size_t>(faults.truncateTo)) {
-    answer.resize(static_cast<std::size_t>(faults.truncateTo));
+  if (!faultsApplied) {
+    ApplyFaults(faults, device, answer);
   }
   const int copies = std::clamp(faults.copies, 1, kMaxCopies);
   const int delay = std::clamp(faults.delayMs, 0, kMaxDelayMs);
