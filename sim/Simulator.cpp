@@ -5,13 +5,16 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -83,6 +86,60 @@ public:
 
 private:
   int fds_[2];
+};
+
+// A thread at the lowest priority (nice 19) that runs one job at a time for the serving thread.
+// It sends the answers to a group query: the simulated devices stand for machines of their own,
+// and on a host with few processors a burst sent at normal priority takes the processor from the
+// host that receives it, which then finds its receive buffer overflowed when it runs again.
+class BurstSender {
+public:
+  // Throws std::system_error when the thread cannot be started.
+  BurstSender() : thread_([this]() { Loop(); }) {}
+  ~BurstSender() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      exit_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+  }
+  BurstSender(const BurstSender &) = delete;
+  BurstSender &operator=(const BurstSender &) = delete;
+
+  // Runs `job` on the thread and returns when it is done; the job bounds its own time.
+  void Run(const std::function<void()> &job) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    job_ = &job;
+    changed_.notify_all();
+    changed_.wait(lock, [this]() { return job_ == nullptr; });
+  }
+
+private:
+  void Loop() {
+    // Only this thread: on Linux each thread has a nice value of its own. A host that refuses
+    // leaves it at the process's priority.
+    setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), 19);
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+      changed_.wait(lock, [this]() { return exit_ || job_ != nullptr; });
+      if (exit_) {
+        return;
+      }
+      const std::function<void()> *job = job_;
+      lock.unlock();
+      (*job)();
+      lock.lock();
+      job_ = nullptr;
+      changed_.notify_all();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  const std::function<void()> *job_ = nullptr;
+  bool exit_ = false;
+  std::thread thread_; // last: it starts once the members above exist
 };
 
 } // namespace
@@ -210,6 +267,7 @@ private:
   void Receive(const Source &source, std::uint8_t *buffer, std::size_t size);
   const Bytes &DiscoveryAnswerOf(int device, std::uint16_t id);
   void AnswerGroupDiscovery(std::uint16_t port, std::uint16_t id, const sockaddr_in &peer);
+  bool SendBurst(const sockaddr_in &peer);
   void HandleForDevice(int device, std::uint16_t port, const std::uint8_t *data, std::size_t length,
                        const sockaddr_in &peer);
   void SendNow(int device, DatagramSocket &socket, const sockaddr_in &peer, const Bytes &bytes,
@@ -228,6 +286,7 @@ private:
   std::vector<Source> groupSources_;
   std::vector<std::unique_ptr<DatagramSocket>> reservations_;
   std::unique_ptr<WakePipe> wake_;
+  std::unique_ptr<BurstSender> burstSender_; // with a group listener
   std::thread thread_;
   std::atomic<bool> stopping_{false};
   ChannelServer channels_;
@@ -277,12 +336,16 @@ void Simulator::Engine::Start() {
       channels_.Start(addresses, options_.channelPort, options_.answerAnyPeer);
     }
     wake_ = std::make_unique<WakePipe>();
+    if (!options_.groupAddress.empty()) {
+      burstSender_ = std::make_unique<BurstSender>();
+    }
     stopping_ = false;
     sourcesChanged_ = true;
     thread_ = std::thread([this]() { Run(); });
   } catch (...) {
     channels_.Stop();
     CloseSockets();
+    burstSender_.reset();
     wake_.reset();
     std::lock_guard<std::mutex> lock(mutex_);
     running_ = false;
@@ -301,6 +364,7 @@ void Simulator::Engine::Stop() {
   wake_->Wake();
   channels_.Stop();
   thread_.join();
+  burstSender_.reset();
   pending_.clear();
   CloseSockets();
   wake_.reset();
@@ -465,7 +529,8 @@ void Simulator::Engine::AnswerGroupDiscovery(std::uint16_t port, std::uint16_t i
                                              const sockaddr_in &peer) {
   // Every device's answer is ready and none is built, copied or locked for while the answers
   // leave: they leave one after the other as fast as the sockets take them, like the answers of
-  // many devices on one segment, which all come within a few milliseconds.
+  // many devices on one segment, which all come within a few milliseconds. They leave from the
+  // burst thread, which yields the processor to the host that receives them.
   burst_.clear();
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -493,10 +558,32 @@ void Simulator::Engine::AnswerGroupDiscovery(std::uint16_t port, std::uint16_t i
       burst_.push_back(Outgoing{device, found->second.get(), copies, 0, 0});
     }
   }
-  bool corrections = false;
+  if (burst_.empty()) {
+    return;
+  }
+  bool complete = true;
+  if (burstSender_ != nullptr) {
+    burstSender_->Run([&]() { complete = SendBurst(peer); });
+  } else {
+    complete = SendBurst(peer);
+  }
+  if (complete) {
+    return;
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const Outgoing &out : burst_) {
+    DeviceCounters &counters = devices_[static_cast<std::size_t>(out.device)]->counters;
+    counters.answersSent -= static_cast<unsigned long>(out.copies - out.sent);
+    counters.sendFailures += static_cast<unsigned long>(out.failed);
+  }
+}
+
+// Sends burst_ to `peer`; false when an answer did not leave (a failed send, or a stop).
+bool Simulator::Engine::SendBurst(const sockaddr_in &peer) {
+  bool complete = true;
   for (Outgoing &out : burst_) {
     if (stopping_.load()) {
-      corrections = true; // Stop drops the answers not yet sent
+      complete = false; // Stop drops the answers not yet sent
       continue;
     }
     const Bytes &answer = devices_[static_cast<std::size_t>(out.device)]->discoveryAnswer;
@@ -507,17 +594,9 @@ void Simulator::Engine::AnswerGroupDiscovery(std::uint16_t port, std::uint16_t i
         ++out.failed;
       }
     }
-    corrections = corrections || out.sent != out.copies;
+    complete = complete && out.sent == out.copies;
   }
-  if (!corrections) {
-    return;
-  }
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (const Outgoing &out : burst_) {
-    DeviceCounters &counters = devices_[static_cast<std::size_t>(out.device)]->counters;
-    counters.answersSent -= static_cast<unsigned long>(out.copies - out.sent);
-    counters.sendFailures += static_cast<unsigned long>(out.failed);
-  }
+  return complete;
 }
 
 void Simulator::Engine::HandleForDevice(int device, std::uint16_t port, const std::uint8_t *data,
