@@ -2,19 +2,24 @@
 # Discovery burst: do all of 1,000 simulated devices answering one query show up in kivnet?
 #
 # Starts kivsim with 1000 devices on 127.0.1.1 onwards and a group listener on 127.0.0.2, runs
-# `kivnet discover` against the listener a few times with the kernel's default receive buffer
-# and prints the devices found of 1000; then KivDiscoveryBurst drains the same burst without
-# parsing (through the library's RecvFrom, a plain recvfrom, and a large buffer with the kernel's
-# arrival times, which show how the simulator spreads its answers). Everything stays on loopback.
+# `kivnet discover` against the listener RUNS times with the kernel's default receive buffer
+# (read from /proc/sys/net/core/rmem_default and printed; nothing is changed) and prints the
+# devices it listed in each run, their median and minimum and the runs that listed all. Then
+# KivDiscoveryBurst, with the same devices, prints how the simulator spreads its answers (kernel
+# arrival stamps, large buffer), how many answers kivnet's receive loop through the library and a
+# plain recvmsg loop take in with the default buffer and why the others were dropped (the longest
+# gap between receives, the longest wait in the buffer, the kernel's drop count), how many answers
+# the default buffer holds, and what one receive costs through RecvFrom and through recvfrom.
+# Everything stays on loopback.
 #
 # usage: bench/discovery-burst.sh [BUILD_DIR] [RUNS]
 #   BUILD_DIR  a build with tools and benchmarks (default build/bench:
 #              cmake -S . -B build/bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DKIV_BUILD_BENCHMARKS=ON)
-#   RUNS       queries per way (default 5)
+#   RUNS       queries per way (default 10)
 set -euo pipefail
 
 build=${1:-build/bench}
-runs=${2:-5}
+runs=${2:-10}
 devices=1000
 kivsim=$build/sim/kivsim
 kivnet=$build/tools/kivnet/kivnet
@@ -43,7 +48,7 @@ cleanup() {
 trap cleanup EXIT INT TERM
 
 "$kivsim" --devices "$devices" --base-address 127.0.1.1 --listen 127.0.0.2 --hcp-port 0 \
-  --seconds 60 >"$work/sim.out" 2>&1 &
+  --seconds 300 >"$work/sim.out" 2>&1 &
 sim_pid=$!
 tries=0
 until grep -qs "serving for" "$work/sim.out"; do
@@ -56,8 +61,10 @@ until grep -qs "serving for" "$work/sim.out"; do
   sleep 0.2
 done
 port=$(sed -n 's/.*HCP port \([0-9]*\),.*/\1/p' "$work/sim.out")
-echo "kivsim: $devices devices, group listener 127.0.0.2 port $port; receive buffer default" \
-  "$(cat /proc/sys/net/core/rmem_default 2>/dev/null || echo '?') bytes"
+echo "kivsim: $devices devices, group listener 127.0.0.2 port $port"
+echo "kernel's default receive buffer (net.core.rmem_default): $(cat /proc/sys/net/core/rmem_default \
+  2>/dev/null || echo '?') bytes; processors: $(nproc); load average: $(cut -d' ' -f1-3 \
+  /proc/loadavg 2>/dev/null || echo '?')"
 
 # Devices in kivnet's JSON document, and the datagrams it took in.
 count_devices() {
@@ -70,24 +77,35 @@ print(len(d.get("devices", [])), d.get("datagrams", "?"))' "$1"
   fi
 }
 
-found_all=
+found_all=()
 run=1
 while [ "$run" -le "$runs" ]; do
   status=0
-  "$kivnet" discover --to 127.0.0.2 --port "$port" --wait 2 --json >"$work/found.json" \
+  "$kivnet" discover --to 127.0.0.2 --port "$port" --wait 1 --json >"$work/found.json" \
     2>"$work/kivnet.err" || status=$?
   if [ "$status" -ne 0 ]; then
     echo "kivnet discover run $run: exit status $status: $(cat "$work/kivnet.err")"
   else
     read -r found datagrams < <(count_devices "$work/found.json")
-    echo "kivnet discover run $run: found $found/$devices (datagrams taken in: $datagrams)"
-    found_all="$found_all $found"
+    echo "kivnet discover run $run: listed $found/$devices (datagrams taken in: $datagrams)"
+    found_all+=("$found")
   fi
   run=$((run + 1))
 done
-echo "kivnet discover found:${found_all:- none} (of $devices)"
+if [ "${#found_all[@]}" -gt 0 ]; then
+  mapfile -t sorted < <(printf '%s\n' "${found_all[@]}" | sort -n)
+  n=${#sorted[@]}
+  if [ $((n % 2)) -eq 1 ]; then
+    median=${sorted[$((n / 2))]}
+  else
+    median=$(((sorted[n / 2 - 1] + sorted[n / 2]) / 2))
+  fi
+  complete=$(printf '%s\n' "${found_all[@]}" | grep -cx "$devices" || true)
+  echo "kivnet discover listed: ${found_all[*]} (of $devices); median $median, minimum" \
+    "${sorted[0]}, $complete of $n runs complete"
+fi
 
 if [ -x "$probe" ]; then
-  echo "drains without parsing (KivDiscoveryBurst):"
+  echo "the same burst taken in without parsing (KivDiscoveryBurst):"
   "$probe" --to 127.0.0.2 --port "$port" --expect "$devices" --runs "$runs"
 fi

@@ -13,9 +13,11 @@
 #include <cstdint>
 #include <future>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Interfaces/KivNetworkComm.h"
+#include "sim/DeviceProtocol.h"
 #include "sim/Simulator.h"
 #include "support/DescriptorCheckedTest.h"
 #include "support/RecordText.h"
@@ -388,6 +390,53 @@ TEST_F(KivnetScriptedPeers, SetIpTakesTheAnswerThatNamesTheMacFromTheAskedDevice
     EXPECT_EQ(Said(configuring.get()), "");
     EXPECT_EQ(answer.from + " " + answer.record.strIPAddr, std::string(answering) + " 127.0.7.60");
   }
+}
+
+// Discovery answered by one scripted peer in two rounds, each sent at once and taken in before
+// any is parsed: a run of receives ends at an empty datagram (which the descriptor reports as no
+// bytes) and the next wait takes it; every datagram is parsed from the bytes it brought, also
+// when its container held an earlier one; a repeated answer is counted, not listed.
+TEST_F(KivnetScriptedPeers, DiscoveryReadsEveryDatagramOfARunFromItsOwnBytes) {
+  if (!HostHasDefaultInterface()) {
+    GTEST_SKIP() << "this host has no default IPv4 interface";
+  }
+  Peer peer("127.0.7.6");
+  ASSERT_TRUE(peer.Bound());
+  kivnet::CommandLine line;
+  line.target = "127.0.7.6";
+  line.port = peer.Port();
+  line.waitTenths = 10;
+  kivnet::Discovery found;
+  auto discovering =
+      std::async(std::launch::async, [&] { return kivnet::Discover(line, found, nullptr); });
+  sockaddr_in kivnet = {};
+  const Bytes query = peer.Receive(kivnet);
+  ASSERT_EQ(query.size(), 41u);
+  const auto answer = [&](int number) {
+    return kivsim::DiscoveryAnswer(
+        kivsim::MakeDeviceRecord(number, "127.0.7." + std::to_string(40 + number)),
+        static_cast<std::uint16_t>((query[0] << 8) | query[1]), false);
+  };
+  for (const Bytes &datagram : {answer(1), Bytes(), answer(2), Bytes{0xFF, 0x00, 0x01}}) {
+    peer.Send(datagram, kivnet);
+  }
+  // Parsed after 50 ms without arrivals: the second round reuses the containers of the first.
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  for (const Bytes &datagram : {answer(3), answer(1), answer(4)}) {
+    peer.Send(datagram, kivnet);
+  }
+  ASSERT_EQ(Said(discovering.get()), "");
+  std::string listed, unread;
+  for (const kivnet::FoundDevice &device : found.devices) {
+    listed += device.record.strIPAddr + "/" + device.record.strMacUaa + " ";
+  }
+  for (const kivnet::UnreadAnswer &datagram : found.unread) {
+    unread += std::to_string(datagram.length) + " ";
+  }
+  EXPECT_EQ(listed, "127.0.7.41/ET024b49560001 127.0.7.42/ET024b49560002 127.0.7.43/ET024b49560003 "
+                    "127.0.7.44/ET024b49560004 ");
+  EXPECT_EQ(unread + std::to_string(found.datagrams) + " " + std::to_string(found.duplicates),
+            "0 3 7 1");
 }
 
 } // namespace

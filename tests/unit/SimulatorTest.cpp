@@ -6,10 +6,12 @@
 #include <poll.h>
 
 #include <chrono>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "sim/DatagramSocket.h"
+#include "sim/DeviceProtocol.h"
 #include "sim/Simulator.h"
 #include "support/TestSupport.h"
 
@@ -217,6 +219,66 @@ TEST_F(SimulatorTest, StopDropsTheLateAnswers) {
   simulator.Stop();
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
   EXPECT_EQ(Receive(100), "") << "the waiting answer is dropped";
+}
+
+// A query to the group listener is answered by every device from its own address with the
+// query's transaction identifier, and a record or faults changed while the simulator runs show in
+// the next answer (a cut to one byte keeps the identifier's first byte). Each device counts the
+// query and its answers.
+TEST(SimulatorGroup, EveryDeviceAnswersWithTheQuerysIdentifierAndItsCurrentRecord) {
+  kivsim::Simulator group{kivsim::SimulatorOptions{0, 0, "127.0.8.2", false}};
+  for (int n = 1; n <= 3; ++n) {
+    group.AddDevice(kivsim::MakeDeviceRecord(n, kivsim::AddressAfter("127.0.8.10", n - 1)));
+  }
+  group.Start();
+  kivsim::DatagramSocket host{"127.0.0.1", 0};
+  // The answers to `query` by sender, `count` of them, then nothing more for 200 ms.
+  const auto ask = [&](const Bytes &query, int count) {
+    const sockaddr_in to{AF_INET, htons(group.HcpPort()), {inet_addr("127.0.8.2")}, {}};
+    EXPECT_TRUE(host.SendTo(query.data(), query.size(), to));
+    std::map<std::string, std::vector<std::string>> answers;
+    for (int i = 0; i <= count; ++i) {
+      unsigned char bytes[2048];
+      sockaddr_in from{};
+      pollfd entry{host.Descriptor(), POLLIN, 0};
+      const long length = poll(&entry, 1, i < count ? 2000 : 200) == 1
+                              ? host.ReceiveFrom(bytes, sizeof bytes, from)
+                              : -1;
+      if (length >= 0) {
+        answers[inet_ntoa(from.sin_addr)].push_back(ToHex(bytes, static_cast<int>(length)));
+      }
+    }
+    return answers;
+  };
+  const auto answer = [&](int device, std::uint16_t id, bool wrongMac) {
+    return ToHex(kivsim::DiscoveryAnswer(group.Device(device), id, wrongMac));
+  };
+
+  std::map<std::string, std::vector<std::string>> expected = {
+      {"127.0.8.10", {answer(0, 0x1234, false)}},
+      {"127.0.8.11", {answer(1, 0x1234, false)}},
+      {"127.0.8.12", {answer(2, 0x1234, false)}}};
+  EXPECT_EQ(ask(kQuery, 3), expected);
+
+  kivsim::DeviceRecord renamed = group.Device(1);
+  renamed.ipName = "renamed";
+  group.SetDevice(1, renamed);
+  group.SetFaults(0, {false, 0, 1, false, false, 1});
+  group.SetFaults(2, {false, 0, -1, false, true, 2});
+  Bytes query = kQuery;
+  query[0] = 0xAB;
+  query[1] = 0x42;
+  expected = {{"127.0.8.10", {"AB"}},
+              {"127.0.8.11", {answer(1, 0xAB42, false)}},
+              {"127.0.8.12", {answer(2, 0xAB42, true), answer(2, 0xAB42, true)}}};
+  EXPECT_EQ(ask(query, 4), expected);
+  EXPECT_NE(expected["127.0.8.11"][0].find(ToHex(Text("renamed"))), std::string::npos);
+  std::string counted;
+  for (int i = 0; i < 3; ++i) {
+    counted += std::to_string(group.Counters(i).discovery) + "/" +
+               std::to_string(group.Counters(i).answersSent) + " ";
+  }
+  EXPECT_EQ(counted, "2/2 2/2 2/3 ");
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -23,7 +24,6 @@
 
 #include "CommonFiles/KivWireBytes.h"
 #include "Exceptions/KivSocketExceptions.h"
-#include "Exceptions/KivWrapperException.h"
 #include "HBN3/KivHBN3Header.h"
 #include "HBN3/KivHBN3PayLoad.h"
 #include "Interfaces/KivCallFrame.h"
@@ -111,18 +111,6 @@ public:
   Message &operator=(const Message &) = delete;
   HANDLE handle() const { return mHandle; }
 
-  // Replaces the content with `bytes`, for the parse functions; a failure gives the container's
-  // code.
-  UInt32 Fill(const std::string &bytes) {
-    try {
-      VerifyBufferHandle(mHandle)->SetBuffer(reinterpret_cast<const unsigned char *>(bytes.data()),
-                                             static_cast<int>(bytes.size()));
-      return 0;
-    } catch (const KivWrapperException &e) {
-      return kiv::frame::kExceptionCodeBase + e.GetErrorCode();
-    }
-  }
-
   // A copy of the content: at most `count` bytes, the count RecvFrom reported.
   std::string Bytes(int count) const {
     const KivNetBuffer *buffer = VerifyBufferHandle(mHandle);
@@ -159,6 +147,16 @@ struct Datagram {
   Clock::time_point arrived;
   std::string bytes;
   bool possiblyCut() const { return bytes.size() == kReceiveLimit; }
+};
+
+// One discovery answer taken in and not yet parsed: the container RecvFrom filled, which the
+// parse reads in place, its sender, its length and when it came.
+struct Taken {
+  std::unique_ptr<Message> message;
+  std::string from;
+  int fromPort = 0;
+  int length = 0;
+  Clock::time_point arrived;
 };
 
 // One UDP socket on a port the system picks; closed and released when the exchange ends.
@@ -253,22 +251,39 @@ public:
 
   // Takes the waiting datagram. False without a failure when none was there after all.
   bool Receive(Datagram &datagram, Failure &failure) {
-    int received = 0;
-    errno = 0;
-    const UInt32 code = RecvFrom(mHandle, mFrom.handle(), mArea.handle(), 0, received);
-    if (code != 0) {
-      const int error = errno;
-      if (code == ReceiveFailedCode() && (error == EAGAIN || error == EWOULDBLOCK)) {
-        return false;
-      }
-      failure = Fail(FailureKind::kCall, "receiving failed", "RecvFrom", code, error);
+    const int received = ReceiveInto(mArea, datagram.from, datagram.fromPort, failure);
+    if (received < 0) {
       return false;
     }
-    datagram.from.clear();
-    GetAddressPort(mFrom.handle(), &datagram.from, &datagram.fromPort);
     datagram.bytes = mArea.Bytes(received);
     datagram.arrived = Clock::now();
     return true;
+  }
+
+  // Takes the waiting datagram into `into` and its sender into `from` and `fromPort`. The count
+  // received, or -1: with `failure` set when the receive failed, without when nothing was there.
+  int ReceiveInto(const Message &into, std::string &from, int &fromPort, Failure &failure) {
+    int received = 0;
+    errno = 0;
+    const UInt32 code = RecvFrom(mHandle, mFrom.handle(), into.handle(), 0, received);
+    if (code != 0) {
+      const int error = errno;
+      if (code != ReceiveFailedCode() || (error != EAGAIN && error != EWOULDBLOCK)) {
+        failure = Fail(FailureKind::kCall, "receiving failed", "RecvFrom", code, error);
+      }
+      return -1;
+    }
+    from.clear();
+    GetAddressPort(mFrom.handle(), &from, &fromPort);
+    return received;
+  }
+
+  // Whether another datagram is waiting, asked of the descriptor without taking it (FIONREAD
+  // gives the size of the next one): one call, where a wait would be one more than needed. An
+  // empty datagram reads as none; the next wait finds it.
+  bool AnotherWaiting() const {
+    int next = 0;
+    return ::ioctl(mDescriptor, FIONREAD, &next) == 0 && next > 0;
   }
 
   // The container the last datagram was received into, for the header queries.
@@ -504,29 +519,49 @@ Failure Discover(const CommandLine &line, Discovery &result, DiscoveryListener *
   const Clock::time_point deadline = DeadlineAfter(line.waitTenths);
   std::unique_ptr<KivNetRecord> record(static_cast<KivNetRecord *>(CreateKivNetRecord()));
   std::set<std::string> seen;
-  std::deque<Datagram> pending;
-  Message parsed;
+  std::deque<Taken> pending;
+  // Containers already parsed, for the next receives.
+  std::vector<std::unique_ptr<Message>> spare;
   bool receiving = true;
   Clock::time_point lastArrival = start;
+  const auto overdue = [&](Clock::time_point now) {
+    return !pending.empty() && now - pending.front().arrived >= kLongestHold;
+  };
   for (;;) {
     // Answers that arrive after the wait are not taken; those already taken are all read.
     receiving = receiving && Clock::now() < deadline;
-    // Receiving comes first: while datagrams arrive they are only copied out, so a burst of
+    // Receiving comes first: while datagrams arrive they are only taken in, so a burst of
     // answers is taken in before the socket's buffer fills; parsing happens when the socket has
     // been quiet for a moment, one answer at a time, looking at the socket again after each. A
     // steady trickle still has its oldest answer read once it has been held long enough.
-    const bool overdue = !pending.empty() && Clock::now() - pending.front().arrived >= kLongestHold;
     const Clock::time_point quiet = std::min(deadline, lastArrival + kQuietBeforeParsing);
-    if (receiving && !overdue && endpoint.Waiting(pending.empty() ? deadline : quiet, failure)) {
-      Datagram datagram;
-      if (endpoint.Receive(datagram, failure)) {
-        lastArrival = datagram.arrived;
-        pending.push_back(std::move(datagram));
+    if (receiving && !overdue(Clock::now()) &&
+        endpoint.Waiting(pending.empty() ? deadline : quiet, failure)) {
+      // One run of receives, as long as the descriptor says another datagram waits: each goes
+      // into a container of its own that the parse reads later, so a receive is the exported
+      // call, the sender's address and one query of the descriptor, with no copy, parse or
+      // output in between.
+      do {
+        if (spare.empty()) {
+          spare.push_back(std::make_unique<Message>());
+        }
+        Taken taken;
+        taken.message = std::move(spare.back());
+        spare.pop_back();
+        taken.length = endpoint.ReceiveInto(*taken.message, taken.from, taken.fromPort, failure);
+        if (taken.length < 0) {
+          spare.push_back(std::move(taken.message));
+          break;
+        }
+        taken.arrived = Clock::now();
+        lastArrival = taken.arrived;
+        pending.push_back(std::move(taken));
         if (++result.datagrams >= kMaxDatagrams) {
           result.limitReached = true;
           receiving = false;
         }
-      }
+        receiving = receiving && lastArrival < deadline;
+      } while (receiving && !overdue(lastArrival) && endpoint.AnotherWaiting());
       if (failure.failed()) {
         return failure;
       }
@@ -541,15 +576,14 @@ Failure Discover(const CommandLine &line, Discovery &result, DiscoveryListener *
       }
       break;
     }
-    const Datagram datagram = std::move(pending.front());
+    Taken taken = std::move(pending.front());
     pending.pop_front();
-    UInt32 code = parsed.Fill(datagram.bytes);
-    if (code == 0) {
-      code = ParseHCPResponse(kHeaderTypeHCP1, parsed.handle(), kHCPDiscoveryResponse, *record);
-    }
+    const bool possiblyCut = static_cast<std::size_t>(taken.length) == kReceiveLimit;
+    const UInt32 code =
+        ParseHCPResponse(kHeaderTypeHCP1, taken.message->handle(), kHCPDiscoveryResponse, *record);
+    spare.push_back(std::move(taken.message));
     if (code != 0) {
-      UnreadAnswer unread{datagram.from, datagram.fromPort, static_cast<int>(datagram.bytes.size()),
-                          code, datagram.possiblyCut()};
+      UnreadAnswer unread{taken.from, taken.fromPort, taken.length, code, possiblyCut};
       result.unread.push_back(unread);
       if (listener != nullptr) {
         listener->Unread(unread);
@@ -558,8 +592,7 @@ Failure Discover(const CommandLine &line, Discovery &result, DiscoveryListener *
       // A device that answers twice (a retransmission, or two paths to it) is listed once.
       ++result.duplicates;
     } else {
-      result.devices.push_back(
-          FoundDevice{datagram.from, datagram.fromPort, *record, datagram.possiblyCut()});
+      result.devices.push_back(FoundDevice{taken.from, taken.fromPort, *record, possiblyCut});
       if (listener != nullptr) {
         listener->Found(result.devices.back());
       }

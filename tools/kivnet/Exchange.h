@@ -54,9 +54,11 @@ public:
 
 // Sends the discovery query to line.target (kBroadcast: 255.255.255.255) and line.port and
 // collects answers for line.waitTenths. Datagrams are taken from the socket as soon as they
-// arrive and parsed when the socket has nothing waiting, so that a burst of answers is not
-// dropped while earlier ones are parsed; each parsed device or unreadable datagram goes to
-// `listener` (may be null) and into `result`. An unreadable datagram is not a failure.
+// arrive, one RecvFrom each into a container of its own while the descriptor reports another
+// waiting, and parsed only once the socket has been quiet for a moment (or an answer has been
+// held a quarter of a second), so that a burst of answers is not dropped while earlier ones are
+// parsed; each parsed device or unreadable datagram goes to `listener` (may be null) and into
+// `result`. An unreadable datagram is not a failure.
 Failure Discover(const CommandLine &line, Discovery &result, DiscoveryListener *listener);
 
 // Pings line.target and waits for its ping reply.
