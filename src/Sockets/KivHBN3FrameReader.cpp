@@ -50,27 +50,6 @@ short WaitFor(int descriptor, short events, const timeval *limit) {
   return ready > 0 ? watched.revents : 0;
 }
 
-// Waits until a whole frame header is in the stream (or it ends, or fails), leaving the part
-// that has come where it is. poll reports a TCP stream readable only once the receive low-water
-// mark is reached, so the mark is a header's length during the wait and what it was afterwards.
-short WaitForWholeHeader(int descriptor, const timeval *limit) {
-  int previous = 1;
-  socklen_t size = sizeof previous;
-  if (::getsockopt(descriptor, SOL_SOCKET, SO_RCVLOWAT, &previous, &size) != 0) {
-    throw KivTCPSocketException(SELECT_ERROR);
-  }
-  const int whole = kHeader;
-  if (::setsockopt(descriptor, SOL_SOCKET, SO_RCVLOWAT, &whole, sizeof whole) != 0) {
-    throw KivTCPSocketException(SELECT_ERROR);
-  }
-  struct Restore {
-    int descriptor;
-    int mark;
-    ~Restore() { ::setsockopt(descriptor, SOL_SOCKET, SO_RCVLOWAT, &mark, sizeof mark); }
-  } restore{descriptor, previous};
-  return WaitFor(descriptor, POLLIN | POLLRDHUP, limit);
-}
-
 // Bytes waiting in the stream; 0 when the platform does not say.
 int Available(int descriptor) {
   int waiting = 0;
@@ -229,11 +208,8 @@ KivFrameOutcome KivHBN3FrameReader::Next(int descriptor, const timeval *headerLi
       continue;
     }
     if (n > 0) {
-      const KivFrameOutcome outcome = PartialHeader(descriptor, headerLimit);
-      if (outcome.kind != KivFrameOutcome::PAYLOAD) {
-        return outcome;
-      }
-      continue; // a whole header is there now
+      TakeHeaderPart(descriptor);
+      continue;
     }
     if (n == 0) {
       return {KivFrameOutcome::CLOSED, 0, false};
@@ -248,51 +224,21 @@ KivFrameOutcome KivHBN3FrameReader::Next(int descriptor, const timeval *headerLi
   }
 }
 
-// Fewer bytes than a header are waiting (and the copy is empty). PAYLOAD here means that a whole
-// header has come and the caller reads on.
-KivFrameOutcome KivHBN3FrameReader::PartialHeader(int descriptor, const timeval *headerLimit) {
-  if (mStream != kTcpStream) {
-    // Other stream sockets cannot wait for more than is there: the part is taken out and kept.
-    const ssize_t n = ::recv(descriptor, mHeaderBytes, kHeader, MSG_DONTWAIT);
-    if (n < 0 && !WouldBlock()) {
-      ReceiveFailed();
-    }
-    mHeaderHave = n > 0 ? static_cast<int>(n) : 0;
-    return {KivFrameOutcome::PAYLOAD, 0, false};
+// Fewer bytes than a header are waiting (and the copy is empty): they are taken out and kept,
+// and the rest of the header is waited for with a plain wait on an empty stream. Left in the
+// stream, the part would keep the descriptor readable, so a host waiting on it between reads
+// would spin until the rest came; and on TCP it pins a whole segment's memory, which can close
+// the receive window for good when the receive buffer is small. The rest of the frame is still to
+// come, so a host waiting on the descriptor is woken by it all the same.
+void KivHBN3FrameReader::TakeHeaderPart(int descriptor) {
+  const ssize_t n = ::recv(descriptor, mHeaderBytes, kHeader, MSG_DONTWAIT);
+  if (n < 0 && !WouldBlock()) {
+    ReceiveFailed();
   }
-  for (;;) {
-    const short found = WaitForWholeHeader(descriptor, headerLimit);
-    if (found == 0) {
-      return {KivFrameOutcome::TIMED_OUT, 0, false};
-    }
-    const ssize_t n = ::recv(descriptor, mCopy, kHeader, MSG_PEEK | MSG_DONTWAIT);
-    if (n >= kHeader || n == 0) {
-      return {KivFrameOutcome::PAYLOAD, 0, false}; // read on (n == 0: it finds the end)
-    }
-    if (n < 0 && !WouldBlock()) {
-      ReceiveFailed();
-    }
-    if ((found & POLLERR) != 0) {
-      // A reset: report the socket's error first, as a receive would have.
-      int error = 0;
-      socklen_t size = sizeof error;
-      if (::getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error != 0) {
-        errno = error;
-        ReceiveFailed();
-      }
-    }
-    if ((found & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
-      // The stream ended inside the header: those bytes are consumed with the end.
-      if (n > 0) {
-        mDelivered = static_cast<int>(n);
-        Flush(descriptor);
-      }
-      return {KivFrameOutcome::CLOSED, 0, false};
-    }
-  }
+  mHeaderHave = n > 0 ? static_cast<int>(n) : 0;
 }
 
-// Header bytes were taken out of a non-TCP stream: the rest of the header is taken out too, each
+// Header bytes were taken out of the stream: the rest of the header is taken out too, each
 // wait bounded by `headerLimit`, and the payload is received from the stream.
 KivFrameOutcome KivHBN3FrameReader::HeldHeaderFrame(int descriptor, const timeval *headerLimit,
                                                     KivFrameDestination &destination,

@@ -67,10 +67,9 @@ struct KivFrameStop {
 // Payloads up to kCopiedPayloadLimit bytes are handed out from the copy; longer ones, and frames
 // that have not wholly come, are received straight into the destination's room together with
 // their header, which is peeked first. A frame without room (a destination that does not keep
-// it) is consumed without being copied on TCP streams. A header that has come only in part
-// stays in the stream while the reader waits for the rest (TCP streams: the wait uses the
-// receive low-water mark, restored afterwards); on other stream sockets, which are only handed
-// in by tests, those bytes are taken out and kept by the reader instead.
+// it) is consumed without being copied on TCP streams. A header that has come only in part is
+// the one exception to the rule above: its bytes are taken out and kept by the reader while it
+// waits for the rest, as the rest of that frame is still to come (and wakes a waiting host).
 //
 // The copy (kCopyCapacity bytes) is allocated at the first read and kept until Release or
 // destruction.
@@ -113,7 +112,7 @@ private:
                          const KivFrameStop *stop, bool headerInStream);
   KivFrameOutcome HeldHeaderFrame(int descriptor, const timeval *headerLimit,
                                   KivFrameDestination &destination, const KivFrameStop *stop);
-  KivFrameOutcome PartialHeader(int descriptor, const timeval *headerLimit);
+  void TakeHeaderPart(int descriptor);
   void HandOut(int descriptor, int count);
   void Flush(int descriptor);
   void EnsureCopy();
@@ -125,7 +124,7 @@ private:
   bool mLargeRun = false;         // the last frame was large: the next peek asks for a header
   StreamKind mStream = kUnknownStream;
   int mPendingError = 0;                // errno of a failed consumption, reported next
-  unsigned char mHeaderBytes[9] = {};   // header bytes taken out of a non-TCP stream
+  unsigned char mHeaderBytes[9] = {};   // header bytes taken out before the rest had come
   int mHeaderHave = 0;
 };
 
