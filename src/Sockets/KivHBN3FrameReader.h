@@ -123,8 +123,8 @@ private:
   int mWanted = 0;                // how many bytes the peek that made the copy asked for
   bool mLargeRun = false;         // the last frame was large: the next peek asks for a header
   StreamKind mStream = kUnknownStream;
-  int mPendingError = 0;                // errno of a failed consumption, reported next
-  unsigned char mHeaderBytes[9] = {};   // header bytes taken out before the rest had come
+  int mPendingError = 0;              // errno of a failed consumption, reported next
+  unsigned char mHeaderBytes[9] = {}; // header bytes taken out before the rest had come
   int mHeaderHave = 0;
 };
 
