@@ -58,18 +58,19 @@ struct KivFrameStop {
 };
 
 // Reads the frames of one stream descriptor for one reader at a time (the caller makes sure of
-// that). No byte leaves the stream before the frame it belongs to has been handed out: a peek
+// that). No byte of a frame leaves the stream before the frame has been handed out: a peek
 // copies what is waiting, frames are handed out from the copy, and the bytes handed out are
-// consumed at once when the copy holds no further whole frame, else before the next peek or
-// direct receive. So whoever waits on the descriptor between reads is woken by every frame not
-// yet handed out (and at most once more by bytes handed out but not yet consumed).
+// consumed in one receive as soon as the copy holds no further whole frame (else before the next
+// peek or direct receive). So whoever waits on the descriptor between reads is woken while a
+// frame not yet handed out is waiting, and not by bytes already handed out.
 //
 // Payloads up to kCopiedPayloadLimit bytes are handed out from the copy; longer ones, and frames
 // that have not wholly come, are received straight into the destination's room together with
 // their header, which is peeked first. A frame without room (a destination that does not keep
 // it) is consumed without being copied on TCP streams. A header that has come only in part is
 // the one exception to the rule above: its bytes are taken out and kept by the reader while it
-// waits for the rest, as the rest of that frame is still to come (and wakes a waiting host).
+// waits for the rest (and after a limit passed), as the rest of that frame is still to come and
+// wakes a waiting host all the same.
 //
 // The copy (kCopyCapacity bytes) is allocated at the first read and kept until Release or
 // destruction.

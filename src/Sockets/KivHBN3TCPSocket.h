@@ -74,10 +74,12 @@ typedef bool (*KivSocketReadCallback)(const unsigned char *data, int length, voi
 //
 // Frames are read in batches (see KivHBN3FrameReader): one peek shows the frames waiting, the
 // reads hand them out one by one, and the bytes of the frames handed out leave the stream only
-// then. So a host that waits on the descriptor (GetSocket) between reads is woken by every frame
-// not yet read, and never waits for one that has already arrived; it may be woken once more by
-// bytes already handed out, and its next read then gets the next frame or -5. Reading the
-// descriptor itself between reads is not supported: it would take bytes the reader has seen.
+// then, all at once when no whole frame is left in the batch. So a host that waits on the
+// descriptor (GetSocket) between reads is woken while a frame it has not read is waiting, never
+// waits for one that has already arrived, and finds the descriptor quiet once it has read them
+// all. The first bytes of a header whose rest has not come wake it too: its next read takes them
+// and gets the frame, or -5 when its limit passes first. Reading the descriptor itself between
+// reads is not supported: it would take bytes the reader has seen.
 //
 // Failures of the socket layer never leave the channel as they are: reads, the timed Write and
 // Open throw a plain KivExceptions instead; the untimed Write returns 0.
