@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -415,6 +416,27 @@ TEST_P(HBN3BatchRead, AFrameTooLargeForTheBufferIsConsumedWithoutAllocating) {
   EXPECT_EQ(read(), 14);
   peer.Finish();
   EXPECT_EQ(peer.Waiting(), 0);
+}
+
+// A device that closes inside a frame: the read reports the close (0) and the caller's buffer
+// holds nothing of the cut frame, whether it was small, above the copied size, or above the
+// copy; the frames before it come whole.
+TEST_P(HBN3BatchRead, AFrameCutByTheDevicesCloseLeavesTheCallersBufferUntouched) {
+  for (size_t size : {size_t(100), size_t(kCopiedLimit + 5000), size_t(kCopy + 5000)}) {
+    Stream peer(GetParam());
+    TestChannel channel;
+    channel.Adopt(peer.TakeHost());
+    const Bytes whole = Frame(Pattern(size, 9));
+    peer.SendWaiting(Join({Frame(Pattern(20, 1)), Bytes(whole.begin(), whole.end() - 10)}));
+    peer.CloseDevice();
+    std::vector<unsigned char> buffer(kCopy + 8192, 0xEE);
+    const int capacity = static_cast<int>(buffer.size());
+    EXPECT_EQ(channel.ReadInto(buffer.data(), capacity, nullptr, 0), 20) << size;
+    buffer.assign(buffer.size(), 0xEE);
+    EXPECT_EQ(channel.ReadInto(buffer.data(), capacity, nullptr, 0), 0) << size;
+    EXPECT_EQ(std::count(buffer.begin(), buffer.end(), 0xEE), static_cast<long>(buffer.size()))
+        << size << ": the buffer is written only with a whole frame";
+  }
 }
 
 // A host that waits on the descriptor between reads: it is woken while frames it has not read
