@@ -77,7 +77,6 @@ void KivHBN3FrameReader::Restart() noexcept {
   mDelivered = 0;
   mWanted = 0;
   mLargeRun = false;
-  mDrained = false;
   mStream = kUnknownStream;
   mPendingError = 0;
   mHeaderHave = 0;
@@ -199,16 +198,10 @@ KivFrameOutcome KivHBN3FrameReader::Next(int descriptor, const timeval *headerLi
     Flush(descriptor);
     EnsureCopy();
     const int want = mLargeRun ? kHeader : kCopyCapacity;
-    // Only an unlimited read may block in the peek; the others wait with their limit. When the
-    // last peek took all there was, the stream is most likely empty now: waiting first saves a
-    // peek that would find nothing.
+    // Only an unlimited read may block in the peek; the others wait with their limit below.
     const bool blocking = headerLimit == nullptr && stop == nullptr;
-    if (!blocking && mDrained && WaitFor(descriptor, POLLIN, headerLimit) == 0) {
-      return {KivFrameOutcome::TIMED_OUT, 0, false};
-    }
     const ssize_t n = ::recv(descriptor, mCopy, static_cast<size_t>(want),
                              MSG_PEEK | (blocking ? 0 : MSG_DONTWAIT));
-    mDrained = n < want;
     if (n >= kHeader) {
       mCopied = static_cast<int>(n);
       mWanted = want;

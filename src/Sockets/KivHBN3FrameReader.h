@@ -123,7 +123,6 @@ private:
   int mDelivered = 0;             // bytes at the copy's start handed out but not yet consumed
   int mWanted = 0;                // how many bytes the peek that made the copy asked for
   bool mLargeRun = false;         // the last frame was large: the next peek asks for a header
-  bool mDrained = false;          // the last peek found fewer bytes than it asked for
   StreamKind mStream = kUnknownStream;
   int mPendingError = 0;              // errno of a failed consumption, reported next
   unsigned char mHeaderBytes[9] = {}; // header bytes taken out before the rest had come
