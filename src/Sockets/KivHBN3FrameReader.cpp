@@ -88,7 +88,7 @@ void KivHBN3FrameReader::Release() noexcept {
   mCopy = nullptr;
 }
 
-bool KivHBN3FrameReader::HoldsItem() const {
+bool KivHBN3FrameReader::WholeItemAhead() const {
   const int waiting = mCopied - mDelivered;
   if (waiting < kHeader) {
     return false;
@@ -119,11 +119,8 @@ void KivHBN3FrameReader::Flush(int descriptor) {
   }
 }
 
-void KivHBN3FrameReader::HandOut(int descriptor, int count) {
-  mDelivered += count;
-  if (HoldsItem()) {
-    return;
-  }
+// Kept apart from HandOut, which runs for every frame and so stays small enough to be inlined.
+void KivHBN3FrameReader::FlushHandedOut(int descriptor) noexcept {
   // Nothing whole left in the copy: consume now what was handed out, so a host waiting on the
   // descriptor is not woken by it. A failure is told at the next read, not instead of this one.
   try {
@@ -171,17 +168,17 @@ KivFrameOutcome KivHBN3FrameReader::Next(int descriptor, const timeval *headerLi
       const int length = static_cast<int>(ReadBE32(at + 5));
       if (IsBadHeader(ReadBE32(at), length)) {
         HandOut(descriptor, kHeader); // only the header: what follows is read as the next one
-        return {KivFrameOutcome::BAD_HEADER, 0, false};
+        return {KivFrameOutcome::BAD_HEADER, 0};
       }
       if (length == 0) {
         HandOut(descriptor, kHeader);
-        return {KivFrameOutcome::TICKLE, 0, false};
+        return {KivFrameOutcome::TICKLE, 0};
       }
       if (length <= kCopiedPayloadLimit) {
         if (waiting - kHeader >= length) {
           const bool kept = destination.Take(at + kHeader, length);
           HandOut(descriptor, kHeader + length);
-          return {kept ? KivFrameOutcome::PAYLOAD : KivFrameOutcome::DROPPED, length, false};
+          return {kept ? KivFrameOutcome::PAYLOAD : KivFrameOutcome::DROPPED, length};
         }
         if (mCopied == mWanted && (mWanted < kCopyCapacity || mDelivered > 0)) {
           // The copy was cut off by its own size, not by the stream: look again from here.
@@ -212,11 +209,11 @@ KivFrameOutcome KivHBN3FrameReader::Next(int descriptor, const timeval *headerLi
       continue;
     }
     if (n == 0) {
-      return {KivFrameOutcome::CLOSED, 0, false};
+      return {KivFrameOutcome::CLOSED, 0};
     }
     if (!blocking && WouldBlock()) {
       if (WaitFor(descriptor, POLLIN, headerLimit) == 0) {
-        return {KivFrameOutcome::TIMED_OUT, 0, false};
+        return {KivFrameOutcome::TIMED_OUT, 0};
       }
       continue;
     }
@@ -245,13 +242,13 @@ KivFrameOutcome KivHBN3FrameReader::HeldHeaderFrame(int descriptor, const timeva
                                                     const KivFrameStop *stop) {
   while (mHeaderHave < kHeader) {
     if (headerLimit != nullptr && WaitFor(descriptor, POLLIN, headerLimit) == 0) {
-      return {KivFrameOutcome::TIMED_OUT, 0, false};
+      return {KivFrameOutcome::TIMED_OUT, 0};
     }
     const ssize_t n = ::recv(descriptor, mHeaderBytes + mHeaderHave,
                              static_cast<size_t>(kHeader - mHeaderHave), 0);
     if (n == 0) {
       mHeaderHave = 0;
-      return {KivFrameOutcome::CLOSED, 0, false};
+      return {KivFrameOutcome::CLOSED, 0};
     }
     if (n < 0) {
       ReceiveFailed();
@@ -261,10 +258,10 @@ KivFrameOutcome KivHBN3FrameReader::HeldHeaderFrame(int descriptor, const timeva
   mHeaderHave = 0;
   const int length = static_cast<int>(ReadBE32(mHeaderBytes + 5));
   if (IsBadHeader(ReadBE32(mHeaderBytes), length)) {
-    return {KivFrameOutcome::BAD_HEADER, 0, false};
+    return {KivFrameOutcome::BAD_HEADER, 0};
   }
   if (length == 0) {
-    return {KivFrameOutcome::TICKLE, 0, false};
+    return {KivFrameOutcome::TICKLE, 0};
   }
   return Direct(descriptor, length, destination, stop, false);
 }
@@ -305,7 +302,7 @@ KivFrameOutcome KivHBN3FrameReader::Direct(int descriptor, int length,
   long got = 0;
   while (got < total) {
     if (stop != nullptr && !stop->keepGoing->load(std::memory_order_acquire)) {
-      return {KivFrameOutcome::STOPPED, 0, true};
+      return {KivFrameOutcome::STOPPED, 0};
     }
     ssize_t n = 0;
     if (room == nullptr) {
@@ -329,7 +326,7 @@ KivFrameOutcome KivHBN3FrameReader::Direct(int descriptor, int length,
       continue;
     }
     if (n == 0) {
-      return {KivFrameOutcome::CLOSED, 0, true};
+      return {KivFrameOutcome::CLOSED_IN_PAYLOAD, 0};
     }
     if (stop != nullptr && WouldBlock()) {
       WaitFor(descriptor, POLLIN, &stop->slice);
@@ -338,7 +335,7 @@ KivFrameOutcome KivHBN3FrameReader::Direct(int descriptor, int length,
     ReceiveFailed();
   }
   if (unstored) {
-    return {KivFrameOutcome::UNSTORED, length, false};
+    return {KivFrameOutcome::UNSTORED, length};
   }
   bool kept = false;
   if (staged != nullptr) {
@@ -346,7 +343,7 @@ KivFrameOutcome KivHBN3FrameReader::Direct(int descriptor, int length,
   } else if (room != nullptr) {
     kept = destination.Filled(length);
   }
-  return {kept ? KivFrameOutcome::PAYLOAD : KivFrameOutcome::DROPPED, length, false};
+  return {kept ? KivFrameOutcome::PAYLOAD : KivFrameOutcome::DROPPED, length};
 }
 
 } // namespace kiv

@@ -33,21 +33,21 @@ protected:
   ~KivFrameDestination() = default;
 };
 
-// What the reader found next in the stream.
+// What the reader found next in the stream. Eight bytes, so that it comes back in a register.
 struct KivFrameOutcome {
   enum Kind {
-    PAYLOAD,    // the destination holds a payload of `length` bytes
-    DROPPED,    // a payload of `length` bytes was consumed; the destination did not keep it
-    UNSTORED,   // a payload of `length` bytes was consumed; the reader had no memory to stage it
-    TICKLE,     // a tickle packet (a header of length 0) was consumed
-    CLOSED,     // end of stream; `inPayload` when it came inside a payload
+    PAYLOAD,           // the destination holds a payload of `length` bytes
+    DROPPED,           // a payload of `length` bytes was consumed; the destination did not keep it
+    UNSTORED,          // a payload of `length` bytes was consumed; no memory to stage it
+    TICKLE,            // a tickle packet (a header of length 0) was consumed
+    CLOSED,            // end of stream between frames
+    CLOSED_IN_PAYLOAD, // end of stream inside a payload (what came of it is consumed)
     BAD_HEADER, // a header without "HBN3", or a negative or too large length (nine bytes consumed)
-    TIMED_OUT,  // a wait for header bytes ran out; the bytes that came stay in the stream
+    TIMED_OUT,  // a wait for header bytes ran out; the bytes that came are kept
     STOPPED,    // told to stop while receiving a payload
   };
   Kind kind;
   int length;
-  bool inPayload;
 };
 
 // How a reader that may be told to stop waits for payload bytes: in slices, between which a
@@ -94,7 +94,9 @@ public:
                        const KivFrameStop *stop);
 
   // Whether the copy holds a whole item, which the next call hands out without a system call.
-  bool HoldsItem() const;
+  // (Between calls the copy holds one whenever it holds anything: it is consumed and forgotten
+  // as soon as it does not.)
+  bool HoldsItem() const { return mCopied > mDelivered; }
 
   // Consumes what was handed out and forgets the rest of the copy (the stream still holds it),
   // so another reader can start on the stream. Failures are ignored.
@@ -114,7 +116,16 @@ private:
   KivFrameOutcome HeldHeaderFrame(int descriptor, const timeval *headerLimit,
                                   KivFrameDestination &destination, const KivFrameStop *stop);
   void TakeHeaderPart(int descriptor);
-  void HandOut(int descriptor, int count);
+  // Marks `count` bytes at the copy's position handed out; consumes them with the rest handed
+  // out when no whole item is left.
+  void HandOut(int descriptor, int count) {
+    mDelivered += count;
+    if (!WholeItemAhead()) {
+      FlushHandedOut(descriptor);
+    }
+  }
+  void FlushHandedOut(int descriptor) noexcept;
+  bool WholeItemAhead() const;
   void Flush(int descriptor);
   void EnsureCopy();
 

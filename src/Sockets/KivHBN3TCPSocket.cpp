@@ -301,7 +301,7 @@ KivFrameOutcome KivHBN3TCPSocket::ReadFrame(const KivTimeVal *timeout, int maxTi
       return frame;
     }
     if (maxTicklePackets > 0 && ++tickles >= maxTicklePackets) {
-      return {KivFrameOutcome::TIMED_OUT, 0, false};
+      return {KivFrameOutcome::TIMED_OUT, 0};
     }
   }
 }
@@ -313,11 +313,12 @@ int KivHBN3TCPSocket::Read(KivNetBuffer &buffContainer, KivTimeVal *timeout, int
     switch (frame.kind) {
     case KivFrameOutcome::PAYLOAD:
       return frame.length;
+    case KivFrameOutcome::CLOSED_IN_PAYLOAD: {
+      static const unsigned char kNothing = 0;
+      buffContainer.SetBuffer(&kNothing, 0); // what came of the payload is not kept
+      return kHBN3PeerClosed;
+    }
     case KivFrameOutcome::CLOSED:
-      if (frame.inPayload) {
-        static const unsigned char kNothing = 0;
-        buffContainer.SetBuffer(&kNothing, 0); // what came of the payload is not kept
-      }
       return kHBN3PeerClosed;
     case KivFrameOutcome::BAD_HEADER:
       return kHBN3BadFrameHeader;
@@ -359,6 +360,7 @@ int KivHBN3TCPSocket::ReadInto(unsigned char *buffer, int capacity, const KivTim
       }
       break; // consumed and lost
     case KivFrameOutcome::CLOSED:
+    case KivFrameOutcome::CLOSED_IN_PAYLOAD:
       return kHBN3PeerClosed;
     case KivFrameOutcome::BAD_HEADER:
       return kHBN3BadFrameHeader;
@@ -561,7 +563,7 @@ void KivHBN3TCPSocket::RunListener(int descriptor) {
     }
 
     CallbackBlockDestination block;
-    KivFrameOutcome frame = {KivFrameOutcome::TIMED_OUT, 0, false};
+    KivFrameOutcome frame = {KivFrameOutcome::TIMED_OUT, 0};
     try {
       // Frames waiting in the reader's copy come at once; otherwise it waits at most one poll
       // period for header bytes, and a payload in slices between which it sees a stop.
@@ -612,7 +614,8 @@ void KivHBN3TCPSocket::RunListener(int descriptor) {
         return;
       }
       break;
-    case KivFrameOutcome::CLOSED: {
+    case KivFrameOutcome::CLOSED:
+    case KivFrameOutcome::CLOSED_IN_PAYLOAD: {
       // End of stream is handed over as a block of its own (of one byte, length 0), like a frame.
       unsigned char *marker = static_cast<unsigned char *>(std::malloc(1));
       if (marker == nullptr) {
