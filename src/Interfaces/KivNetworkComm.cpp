@@ -455,18 +455,12 @@ int AsLength(unsigned int length) {
   return length > static_cast<unsigned int>(INT_MAX) ? -1 : static_cast<int>(length);
 }
 
-// One frame of a channel into the caller's buffer: the frame is read into a container of the
-// call's own and copied from there only when it fits, so the buffer holds whole frames only. A
-// frame that does not fit has been consumed all the same (the container's size refusal).
+// One frame of a channel into the caller's buffer: the payload goes straight there, and only a
+// whole frame that fits is written. A frame that does not fit has been consumed all the same
+// (the channel throws, which the call frame reports as kind 00).
 int ReadChannelFrame(KivHBN3TCPSocket &channel, unsigned char *buffer, int length,
                      KivTimeVal *timeout, int maxTicklePackets) {
-  KivNetBuffer frame;
-  KivNetBufferStorageGuard release(frame);
-  const int count = channel.Read(frame, timeout, maxTicklePackets);
-  if (buffer != nullptr && frame.GetBufferLength() > 0) {
-    frame.GetBuffer(buffer, length);
-  }
-  return count;
+  return channel.ReadInto(buffer, length, timeout, maxTicklePackets);
 }
 
 // The read functions' shared frame: kind 1 reads a frame (with `timeout`, or none), kind 2 one

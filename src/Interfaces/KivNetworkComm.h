@@ -390,6 +390,13 @@ KIV_EXTERN_C pthread_t *GetListenerThreadID(HANDLE objHandle);
 // after CloseTCPSocket. 0x0A092102 for a handle invalid for the kind; 0x0A092100 other failure. A
 // result is a descriptor or a code, told apart by the top byte 0x0A, which no descriptor reaches.
 // The descriptor stays the library's: wait on it (poll, select), never read, write or close it.
+// A channel's reads look at the frames waiting with one peek and take each frame's bytes out of
+// the descriptor only once it has been read, so a host that waits on the descriptor and then
+// calls ReadManaged never misses a frame and never waits for one that has already arrived; once
+// it has read every frame that came, the descriptor is quiet. It may be woken by the first bytes
+// of a frame header whose rest has not come: ReadManaged then takes them and gets the frame, or
+// -5 when its limit passes first. Reading the descriptor itself between calls is not supported:
+// it would take bytes the channel has already seen and lose the stream's frame boundaries.
 KIV_EXTERN_C int GetSocketID(HANDLE objHandle, int iType);
 
 // Closes a socket of kind 1 or 2 and keeps the object (the handle stays valid). Kind 1: marks the

@@ -11,8 +11,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <new>
+#include <thread>
 
 #include "Common/Exceptions/KivExceptions.h"
 #include "CommonFiles/KivHandleRegistry.h"
@@ -36,44 +38,88 @@ void KivHBN3TCPHeader::ToBytes(unsigned char *bytes) const {
 
 // ---- Where payloads go -------------------------------------------------------------------------
 
-namespace kiv {
-
-// The frame reader asks its destination for room once it knows a payload's length; a null answer
-// (no memory) makes it consume the payload without keeping it. One object per frame.
-class KivFrameDestination {
-public:
-  virtual unsigned char *Room(int length) = 0;
-
-protected:
-  ~KivFrameDestination() = default;
-};
-
-} // namespace kiv
-
 namespace {
 
-// A block of exactly the payload's length, for a read into a container.
-class BlockDestination : public kiv::KivFrameDestination {
+using kiv::KivFrameOutcome;
+
+// A read into a container: the payload is stored with SetBuffer, from the reader's copy or from
+// a block of exactly its length that a large payload is received into.
+class ContainerDestination : public kiv::KivFrameDestination {
 public:
+  explicit ContainerDestination(KivNetBuffer &box) : mBox(box) {}
+  bool Take(const unsigned char *payload, int length) override { return Store(payload, length); }
   unsigned char *Room(int length) override {
     mBlock.reset(new (std::nothrow) unsigned char[static_cast<size_t>(length)]);
     return mBlock.get();
   }
-  const unsigned char *Block() const { return mBlock.get(); }
+  bool Filled(int length) override { return Store(mBlock.get(), length); }
+  bool TakesPartialFrames() const override { return true; }
 
 private:
+  // A container that cannot take the bytes (no memory) loses the frame, which is consumed.
+  bool Store(const unsigned char *payload, int length) {
+    try {
+      mBox.SetBuffer(payload, length);
+      return true;
+    } catch (...) {
+      return false;
+    }
+  }
+
+  KivNetBuffer &mBox;
   std::unique_ptr<unsigned char[]> mBlock;
+};
+
+// A read into the host's buffer: whole frames that fit only; none at all when it is null.
+class CallerBufferDestination : public kiv::KivFrameDestination {
+public:
+  CallerBufferDestination(unsigned char *buffer, int capacity)
+      : mBuffer(buffer), mCapacity(capacity) {}
+  bool Take(const unsigned char *payload, int length) override {
+    if (!Fits(length)) {
+      return false;
+    }
+    std::memcpy(mBuffer, payload, static_cast<size_t>(length));
+    return true;
+  }
+  unsigned char *Room(int length) override { return Fits(length) ? mBuffer : nullptr; }
+  bool Filled(int) override { return true; }
+  bool TakesPartialFrames() const override { return false; }
+  // A payload was not kept because it did not fit (rather than because there is no buffer).
+  bool TooLarge() const { return mTooLarge; }
+
+private:
+  bool Fits(int length) {
+    if (mBuffer == nullptr) {
+      return false;
+    }
+    mTooLarge = length > mCapacity;
+    return !mTooLarge;
+  }
+
+  unsigned char *mBuffer;
+  int mCapacity;
+  bool mTooLarge = false;
 };
 
 // A block from the C allocator, for the listener: handed to the callback, which frees it.
 class CallbackBlockDestination : public kiv::KivFrameDestination {
 public:
   ~CallbackBlockDestination() { std::free(mBlock); }
+  bool Take(const unsigned char *payload, int length) override {
+    if (Room(length) == nullptr) {
+      return false;
+    }
+    std::memcpy(mBlock, payload, static_cast<size_t>(length));
+    return true;
+  }
   unsigned char *Room(int length) override {
     std::free(mBlock);
     mBlock = static_cast<unsigned char *>(std::malloc(static_cast<size_t>(length)));
     return mBlock;
   }
+  bool Filled(int) override { return true; }
+  bool TakesPartialFrames() const override { return true; }
   // Gives the block away (to the callback).
   unsigned char *Release() {
     unsigned char *block = mBlock;
@@ -102,8 +148,9 @@ constexpr long long kMicrosPerSecond = 1000000;
 
 // ---- The reader slot ---------------------------------------------------------------------------
 
-// Held while a frame is read: the partly read frame header is the channel's, so only one reader
-// may run at a time. A second one is refused rather than left to race over it.
+// Held while a frame is read, and by a listener for as long as it runs: the frame reader's copy
+// and position are the channel's, so only one reader may run at a time. A second one is refused
+// rather than left to race over them.
 class KivHBN3TCPSocket::ReaderSlot {
 public:
   explicit ReaderSlot(KivHBN3TCPSocket &channel) : mChannel(channel) {
@@ -120,21 +167,6 @@ private:
   KivHBN3TCPSocket &mChannel;
 };
 
-struct KivHBN3TCPSocket::FrameOutcome {
-  enum Kind {
-    PAYLOAD,    // a payload of `length` bytes is in the destination's room
-    DROPPED,    // a payload of `length` bytes was consumed; the destination had no room
-    TICKLE,     // a tickle packet was consumed
-    CLOSED,     // end of stream; `inPayload` when it came inside a payload
-    BAD_HEADER, // no "HBN3", or a negative or too large length
-    TIMED_OUT,  // a wait for header bytes ran out (those read so far are kept)
-    STOPPED,    // the listener was told to stop inside a payload
-  };
-  Kind kind;
-  int length;
-  bool inPayload;
-};
-
 // ---- Construction, open, write -----------------------------------------------------------------
 
 KivHBN3TCPSocket::KivHBN3TCPSocket(std::string ip, int usbEndPoint,
@@ -144,7 +176,7 @@ KivHBN3TCPSocket::KivHBN3TCPSocket(std::string ip, int usbEndPoint,
       mIsConnected(true), mRunInSeparateThread(false), mIsDetached(false), mStillListen(true),
       mListenerCurrentlyRunning(false), mListenerThread(),
       mStorageBuffer(), mOpenAnswerLimit{kHBN3OpenAnswerSeconds, 0}, mReading(false),
-      mListenerThreaded(false), mListenerSocket(kNoLaunch), mHeaderBytes(), mHeaderHave(0) {}
+      mListenerThreaded(false), mListenerSocket(kNoLaunch), mReader() {}
 
 // The container does not release its storage when destroyed; the channel does.
 KivHBN3TCPSocket::~KivHBN3TCPSocket() {
@@ -154,7 +186,7 @@ KivHBN3TCPSocket::~KivHBN3TCPSocket() {
 
 int KivHBN3TCPSocket::Open() {
   mStorageBuffer.ResetBuffer();
-  mHeaderHave = 0; // a new connection starts a new stream
+  mReader.Restart(); // a new connection starts a new stream
   try {
     if (mSocket == -1) {
       GenerateSocket();
@@ -205,21 +237,30 @@ int KivHBN3TCPSocket::Write(unsigned char *buffer, int length, KivTimeVal timeou
 void KivHBN3TCPSocket::AdoptConnectedSocket(int descriptor) {
   KivSocket::Close();
   mSocket = descriptor;
-  mHeaderHave = 0;
+  mReader.Restart();
 }
 
 int KivHBN3TCPSocket::Close() {
   // Order matters to a listener running on its duplicate of this connection: the flags first, so
   // that whatever wakes it finds them cleared and it makes no further callback; then the
   // shutdown, which acts on the connection itself and wakes a wait or receive blocked on the
-  // duplicate at once; last the close of the channel's own descriptor, whose number the listener
-  // never uses.
+  // duplicate at once; then the close of the channel's own descriptor, whose number the listener
+  // never uses. Last the reader's copy, unless a listener still holds it.
   mIsConnected.store(false);
   mStillListen.store(false);
   if (mSocket != -1) {
     ::shutdown(mSocket, SHUT_RDWR); // fails harmlessly on a channel that never connected
   }
-  return KivSocket::Close();
+  const int closed = KivSocket::Close();
+  ReleaseReaderIfIdle();
+  return closed;
+}
+
+void KivHBN3TCPSocket::ReleaseReaderIfIdle() {
+  if (!mReading.exchange(true)) {
+    mReader.Release();
+    mReading.store(false);
+  }
 }
 
 // ---- Reading -----------------------------------------------------------------------------------
@@ -232,105 +273,67 @@ KivTimeVal KivHBN3TCPSocket::PollPeriod() const {
   return period;
 }
 
-KivHBN3TCPSocket::FrameOutcome
-KivHBN3TCPSocket::ReadNextFrame(int descriptor, const KivTimeVal *headerLimit,
-                                kiv::KivFrameDestination &destination, bool stoppable) {
-  // The header may come in pieces; the pieces read so far survive a wait that runs out.
-  while (mHeaderHave < KivHBN3TCPHeader::kLength) {
-    if (headerLimit != nullptr && WaitForReadiness(descriptor, POLLIN, *headerLimit) == 0) {
-      return {FrameOutcome::TIMED_OUT, 0, false};
-    }
-    const ssize_t n = ::recv(descriptor, mHeaderBytes + mHeaderHave,
-                             static_cast<size_t>(KivHBN3TCPHeader::kLength - mHeaderHave), 0);
-    if (n == 0) {
-      mHeaderHave = 0;
-      return {FrameOutcome::CLOSED, 0, false};
-    }
-    if (n < 0) {
-      throw KivTCPSocketException(CLIENT_RECV_ERROR);
-    }
-    mHeaderHave += static_cast<int>(n);
-  }
-  mHeaderHave = 0;
-  const KivHBN3TCPHeader header = KivHBN3TCPHeader::FromBytes(mHeaderBytes);
-  if (header.mProtocol != KivHBN3TCPHeader::kProtocol) {
-    return {FrameOutcome::BAD_HEADER, 0, false};
-  }
-  const int length = header.mPayloadLength;
-  if (length == 0) {
-    return {FrameOutcome::TICKLE, 0, false};
-  }
-  // Checked before anything is allocated: a device cannot make the host reserve what it likes.
-  if (length < 0 || length > kHBN3MaxFramePayloadLength) {
-    return {FrameOutcome::BAD_HEADER, 0, false};
-  }
+namespace {
 
-  unsigned char *room = destination.Room(length);
-  unsigned char scratch[4096]; // takes a payload that has no room, so the stream stays in step
-  // A zero poll period would make the waits below spin; a millisecond is as prompt.
-  KivTimeVal slice = PollPeriod();
-  if (slice.tv_sec == 0 && slice.tv_usec < 1000) {
-    slice.tv_usec = 1000;
+// A limit the platform's wait accepts.
+bool IsValidLimit(const KivTimeVal &limit) {
+  return limit.tv_sec >= 0 && limit.tv_usec >= 0 && limit.tv_usec < kMicrosPerSecond;
+}
+
+} // namespace
+
+KivFrameOutcome KivHBN3TCPSocket::ReadFrame(const KivTimeVal *timeout, int maxTicklePackets,
+                                            kiv::KivFrameDestination &destination) {
+  ReaderSlot slot(*this);
+  // Refused as the wait itself would refuse it, whether or not a wait turns out to be needed.
+  if (timeout != nullptr && !IsValidLimit(*timeout)) {
+    errno = EINVAL;
+    throw KivExceptions();
   }
-  int got = 0;
-  while (got < length) {
-    if (stoppable) {
-      // The payload has no limit of its own, but a listener told to stop must notice it within a
-      // poll period even when the device stalls in the middle of a frame.
-      if (!mStillListen.load()) {
-        return {FrameOutcome::STOPPED, 0, true};
-      }
-      if (WaitForReadiness(descriptor, POLLIN, slice) == 0) {
-        continue;
-      }
-    }
-    unsigned char *into = room != nullptr ? room + got : scratch;
-    const int want =
-        room != nullptr ? length - got : std::min(length - got, static_cast<int>(sizeof scratch));
-    const ssize_t n = ::recv(descriptor, into, static_cast<size_t>(want), 0);
-    if (n == 0) {
-      return {FrameOutcome::CLOSED, 0, true};
-    }
-    if (n < 0) {
-      throw KivTCPSocketException(CLIENT_RECV_ERROR);
-    }
-    got += static_cast<int>(n);
+  if (mSocket == -1) {
+    errno = EBADF; // closed: what the reader still holds belongs to the connection that went
+    throw KivExceptions();
   }
-  return {room != nullptr ? FrameOutcome::PAYLOAD : FrameOutcome::DROPPED, length, false};
+  int tickles = 0;
+  for (;;) {
+    const KivFrameOutcome frame = mReader.Next(mSocket, timeout, destination, nullptr);
+    if (frame.kind != KivFrameOutcome::TICKLE) {
+      return frame;
+    }
+    if (maxTicklePackets > 0 && ++tickles >= maxTicklePackets) {
+      return {KivFrameOutcome::TIMED_OUT, 0};
+    }
+  }
 }
 
 int KivHBN3TCPSocket::Read(KivNetBuffer &buffContainer, KivTimeVal *timeout, int maxTicklePackets) {
   try {
-    ReaderSlot slot(*this);
-    int tickles = 0;
-    for (;;) {
-      BlockDestination destination;
-      const FrameOutcome frame = ReadNextFrame(mSocket, timeout, destination, false);
-      switch (frame.kind) {
-      case FrameOutcome::PAYLOAD:
-        return buffContainer.SetBuffer(destination.Block(), frame.length);
-      case FrameOutcome::TICKLE:
-        if (maxTicklePackets > 0 && ++tickles >= maxTicklePackets) {
-          return kHBN3WaitLimitPassed;
-        }
-        continue;
-      case FrameOutcome::CLOSED:
-        if (frame.inPayload) {
-          static const unsigned char kNothing = 0;
-          buffContainer.SetBuffer(&kNothing, 0); // what came of the payload is not kept
-        }
-        return kHBN3PeerClosed;
-      case FrameOutcome::BAD_HEADER:
-        return kHBN3BadFrameHeader;
-      case FrameOutcome::TIMED_OUT:
-        return kHBN3WaitLimitPassed;
-      case FrameOutcome::DROPPED:
-      case FrameOutcome::STOPPED:
-        break;
-      }
-      throw KivExceptions(); // no memory for the payload: consumed, but it cannot be stored
+    ContainerDestination destination(buffContainer);
+    const KivFrameOutcome frame = ReadFrame(timeout, maxTicklePackets, destination);
+    switch (frame.kind) {
+    case KivFrameOutcome::PAYLOAD:
+      return frame.length;
+    case KivFrameOutcome::CLOSED_IN_PAYLOAD: {
+      static const unsigned char kNothing = 0;
+      buffContainer.SetBuffer(&kNothing, 0); // what came of the payload is not kept
+      return kHBN3PeerClosed;
     }
+    case KivFrameOutcome::CLOSED:
+      return kHBN3PeerClosed;
+    case KivFrameOutcome::BAD_HEADER:
+      return kHBN3BadFrameHeader;
+    case KivFrameOutcome::TIMED_OUT:
+      return kHBN3WaitLimitPassed;
+    case KivFrameOutcome::DROPPED:
+    case KivFrameOutcome::UNSTORED:
+    case KivFrameOutcome::TICKLE:
+    case KivFrameOutcome::STOPPED:
+      break;
+    }
+    throw KivExceptions(); // no memory for the payload: consumed, but it cannot be stored
   } catch (const KivExceptions &) {
+    throw KivExceptions();
+  } catch (const std::bad_alloc &) {
     throw KivExceptions();
   }
 }
@@ -341,6 +344,39 @@ int KivHBN3TCPSocket::Read(KivNetBuffer &buffContainer, KivTimeVal timeout, int 
 
 int KivHBN3TCPSocket::Read(KivNetBuffer &buffContainer, int maxTicklePackets) {
   return Read(buffContainer, nullptr, maxTicklePackets);
+}
+
+int KivHBN3TCPSocket::ReadInto(unsigned char *buffer, int capacity, const KivTimeVal *timeout,
+                               int maxTicklePackets) {
+  try {
+    CallerBufferDestination destination(buffer, capacity);
+    const KivFrameOutcome frame = ReadFrame(timeout, maxTicklePackets, destination);
+    switch (frame.kind) {
+    case KivFrameOutcome::PAYLOAD:
+      return frame.length;
+    case KivFrameOutcome::DROPPED:
+      if (!destination.TooLarge()) {
+        return frame.length; // no buffer: read and dropped
+      }
+      break; // consumed and lost
+    case KivFrameOutcome::CLOSED:
+    case KivFrameOutcome::CLOSED_IN_PAYLOAD:
+      return kHBN3PeerClosed;
+    case KivFrameOutcome::BAD_HEADER:
+      return kHBN3BadFrameHeader;
+    case KivFrameOutcome::TIMED_OUT:
+      return kHBN3WaitLimitPassed;
+    case KivFrameOutcome::UNSTORED:
+    case KivFrameOutcome::TICKLE:
+    case KivFrameOutcome::STOPPED:
+      break;
+    }
+    throw KivExceptions();
+  } catch (const KivExceptions &) {
+    throw KivExceptions();
+  } catch (const std::bad_alloc &) {
+    throw KivExceptions();
+  }
 }
 
 // ---- Listener ----------------------------------------------------------------------------------
@@ -452,19 +488,29 @@ bool CallHost(KivSocketReadCallback callback, const unsigned char *data, int len
 } // namespace
 
 void KivHBN3TCPSocket::RunListener(int descriptor) {
-  // However the loop ends (a cancelled thread included), the listener's own descriptor is closed
-  // and then the channel shows no listener; after that this thread does not touch the channel.
+  // However the loop ends (a cancelled thread included): what was handed out is consumed and the
+  // reader slot given back (with the reader's copy released if the channel was closed meanwhile),
+  // the listener's own descriptor is closed, and then the channel shows no listener; after that
+  // this thread does not touch the channel.
   struct EndOfListening {
     KivHBN3TCPSocket &channel;
     int descriptor;
+    bool holdsSlot;
     ~EndOfListening() {
+      if (holdsSlot) {
+        channel.mReader.Settle(descriptor);
+        channel.mReading.store(false);
+      }
+      if (!channel.mIsConnected.load()) {
+        channel.ReleaseReaderIfIdle(); // Close could not, while the listener held the slot
+      }
       if (descriptor >= 0) {
         ::close(descriptor);
       }
       channel.mListenerThreaded.store(false);
       channel.mListenerCurrentlyRunning.store(false);
     }
-  } end{*this, descriptor};
+  } end{*this, descriptor, false};
 
   typedef std::chrono::steady_clock Clock;
   // A steady clock: changing the host's time neither ends a listener nor keeps it alive.
@@ -472,60 +518,68 @@ void KivHBN3TCPSocket::RunListener(int descriptor) {
 
   // Hands something to the callback unless the listener was told to stop meanwhile; a false
   // answer stops it. Only clearing the flag here means a Close during the call is never undone.
+  // Called for every frame: loads only, no ordering stronger than the flags need.
   auto deliver = [this](const unsigned char *data, int length) {
-    KivSocketReadCallback callback = mCallback.load();
-    if (callback == nullptr || !mStillListen.load()) {
+    KivSocketReadCallback callback = mCallback.load(std::memory_order_acquire);
+    if (callback == nullptr || !mStillListen.load(std::memory_order_acquire)) {
       return false;
     }
-    if (!CallHost(callback, data, length, mCallbackParameter.load())) {
+    if (!CallHost(callback, data, length, mCallbackParameter.load(std::memory_order_acquire))) {
       mStillListen.store(false);
     }
     return true;
   };
 
-  while (mStillListen.load() && mCallback.load() != nullptr) {
+  long long periodMicros = -1;
+  KivTimeVal period = {};
+  kiv::KivFrameStop stop = {&mStillListen, {}};
+  while (mStillListen.load(std::memory_order_acquire) &&
+         mCallback.load(std::memory_order_acquire) != nullptr) {
     if (descriptor < 0) {
       // No descriptor of its own could be made (the process has none left): say so once, stop.
       deliver(nullptr, -4);
       break;
     }
-    const KivTimeVal period = PollPeriod();
-    int ready = 0;
-    try {
-      ready = WaitForReadiness(descriptor, POLLIN, period);
-    } catch (const KivExceptions &) {
-      ready = 0; // a failed wait is treated like one that found nothing
-    }
-    if (mCallback.load() == nullptr || !mStillListen.load()) {
-      break; // unregistered, or Close (whose shutdown may be what woke the wait)
-    }
-    if (ready == 0) {
-      if (Clock::now() - idleSince > std::chrono::seconds(kHBN3ListenerIdleSeconds)) {
-        KivSocketReadCallback callback = mCallback.load();
-        if (callback != nullptr && !CallHost(callback, nullptr, 1, mCallbackParameter.load())) {
-          mStillListen.store(false);
-        }
-        break; // the idle end, whatever the callback answered
+    if (mTimeout.load(std::memory_order_relaxed) != periodMicros) {
+      periodMicros = mTimeout.load(std::memory_order_relaxed);
+      period = PollPeriod();
+      // A zero poll period would make the payload waits spin; a millisecond is as prompt.
+      stop.slice = period;
+      if (stop.slice.tv_sec == 0 && stop.slice.tv_usec < 1000) {
+        stop.slice.tv_usec = 1000;
       }
-      continue;
+    }
+    if (!end.holdsSlot) {
+      // The listener is the channel's reader for as long as it runs. A host's read in progress
+      // (which it must not make while a listener runs) is reported like a failed read.
+      if (mReading.exchange(true)) {
+        if (!deliver(nullptr, -4)) {
+          break;
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(std::max(periodMicros, 1000LL)));
+        continue;
+      }
+      end.holdsSlot = true;
     }
 
     CallbackBlockDestination block;
-    FrameOutcome frame = {FrameOutcome::TIMED_OUT, 0, false};
+    KivFrameOutcome frame = {KivFrameOutcome::TIMED_OUT, 0};
     try {
-      ReaderSlot slot(*this);
-      // After readiness the header is normally there; a header that is not complete within one
-      // poll period sends the listener back to its loop (stop flag, idle rule) with what it has.
-      frame = ReadNextFrame(descriptor, &period, block, true);
-    } catch (const KivExceptions &) {
-      const int error = errno;
-      if (!deliver(nullptr, -4)) {
-        break;
+      // Frames waiting in the reader's copy come at once; otherwise it waits at most one poll
+      // period for header bytes, and a payload in slices between which it sees a stop.
+      frame = mReader.Next(descriptor, &period, block, &stop);
+    } catch (const KivSocketException &failure) {
+      // A failed wait is treated like one that found nothing; a failed receive is reported.
+      if (failure.GetErrorType() != SELECT_ERROR) {
+        const int error = errno;
+        if (!deliver(nullptr, -4)) {
+          break;
+        }
+        if (StopsTheListener(error)) {
+          mStillListen.store(false);
+        }
+        continue;
       }
-      if (StopsTheListener(error)) {
-        mStillListen.store(false);
-      }
-      continue;
     } catch (abi::__forced_unwind &) {
       throw;
     } catch (...) {
@@ -536,20 +590,32 @@ void KivHBN3TCPSocket::RunListener(int descriptor) {
     }
 
     switch (frame.kind) {
-    case FrameOutcome::TICKLE:
+    case KivFrameOutcome::TIMED_OUT:
+      if (mCallback.load() == nullptr || !mStillListen.load()) {
+        return; // unregistered, or Close
+      }
+      if (Clock::now() - idleSince > std::chrono::seconds(kHBN3ListenerIdleSeconds)) {
+        KivSocketReadCallback callback = mCallback.load();
+        if (callback != nullptr && !CallHost(callback, nullptr, 1, mCallbackParameter.load())) {
+          mStillListen.store(false);
+        }
+        return; // the idle end, whatever the callback answered
+      }
+      break;
+    case KivFrameOutcome::TICKLE:
       idleSince = Clock::now(); // a sign of life, without a callback
       break;
-    case FrameOutcome::TIMED_OUT:
-      break;
-    case FrameOutcome::STOPPED:
+    case KivFrameOutcome::STOPPED:
       return;
-    case FrameOutcome::BAD_HEADER:
-    case FrameOutcome::DROPPED:
+    case KivFrameOutcome::BAD_HEADER:
+    case KivFrameOutcome::DROPPED:
+    case KivFrameOutcome::UNSTORED:
       if (!deliver(nullptr, 1)) {
         return;
       }
       break;
-    case FrameOutcome::CLOSED: {
+    case KivFrameOutcome::CLOSED:
+    case KivFrameOutcome::CLOSED_IN_PAYLOAD: {
       // End of stream is handed over as a block of its own (of one byte, length 0), like a frame.
       unsigned char *marker = static_cast<unsigned char *>(std::malloc(1));
       if (marker == nullptr) {
@@ -565,12 +631,16 @@ void KivHBN3TCPSocket::RunListener(int descriptor) {
       }
       break;
     }
-    case FrameOutcome::PAYLOAD: {
-      idleSince = Clock::now();
+    case KivFrameOutcome::PAYLOAD: {
       unsigned char *payload = block.Release();
       if (!deliver(payload, frame.length)) {
         std::free(payload); // not handed over: the listener was stopped meanwhile
         return;
+      }
+      // The clock is read once a batch is used up, not for every frame of it: microseconds
+      // after its last frame, which is what the idle rule counts from.
+      if (!mReader.HoldsItem()) {
+        idleSince = Clock::now();
       }
       break;
     }

@@ -11,6 +11,7 @@
 #include "Common/Constants/KivCommunicationConstants.h"
 #include "Common/KivTypes.h"
 #include "CommonFiles/KivNetBuffer.h"
+#include "Sockets/KivHBN3FrameReader.h"
 #include "Sockets/KivTCPClientSocket.h"
 
 // The largest payload a frame may announce: 64 MiB. A frame header that announces more, or a
@@ -60,10 +61,6 @@ struct KIV_EXPORT KivHBN3TCPHeader {
 // again. The callback must not throw; an exception leaving it stops the listener.
 typedef bool (*KivSocketReadCallback)(const unsigned char *data, int length, void *param);
 
-namespace kiv {
-class KivFrameDestination; // where the frame reader puts a payload (internal)
-} // namespace kiv
-
 // A TCP connection to one end-point interface of a device (class identifier "tcpC"). Open
 // connects and sends the interface's nine-byte open request; the device answers with a bare frame
 // header. Afterwards the device sends frames (header + payload) and the host writes raw bytes.
@@ -72,8 +69,17 @@ class KivFrameDestination; // where the frame reader puts a payload (internal)
 // has come), and the results are the payload length, 0 (closed), -2 (bad frame header) or -5 (a
 // wait limit passed). Header bytes that came before a limit passed are kept for the next read,
 // so the stream stays in step. After -2 the stream is inside data of unknown layout; nothing
-// resynchronises it. One reader at a time: a read started while another (or a listener) is
-// reading fails with a plain KivExceptions.
+// resynchronises it. One reader at a time: a read started while another read or a listener runs
+// fails with a plain KivExceptions.
+//
+// Frames are read in batches (see KivHBN3FrameReader): one peek shows the frames waiting, the
+// reads hand them out one by one, and the bytes of the frames handed out leave the stream only
+// then, all at once when no whole frame is left in the batch. So a host that waits on the
+// descriptor (GetSocket) between reads is woken while a frame it has not read is waiting, never
+// waits for one that has already arrived, and finds the descriptor quiet once it has read them
+// all. The first bytes of a header whose rest has not come wake it too: its next read takes them
+// and gets the frame, or -5 when its limit passes first. Reading the descriptor itself between
+// reads is not supported: it would take bytes the reader has seen.
 //
 // Failures of the socket layer never leave the channel as they are: reads, the timed Write and
 // Open throw a plain KivExceptions instead; the untimed Write returns 0.
@@ -86,7 +92,9 @@ class KivFrameDestination; // where the frame reader puts a payload (internal)
 // time of a listener that has delivered nothing counts from the start of listening. The listener
 // reads through a duplicate of the channel's descriptor that it alone closes, so Close may
 // release the channel's descriptor at once: the listener never touches a descriptor number Close
-// has given back. The fields shared with the listener are atomics.
+// has given back. It hands out the frames of a batch one after another, checking between them
+// whether it was told to stop; when it ends it has consumed exactly the frames it handed out, so
+// a Read afterwards gets the next one. The fields shared with the listener are atomics.
 //
 // Lifetime: the object must outlive its listener (destroy it only when GetListenerThreadID is
 // null and no in-thread listener runs). The exported interface never destroys a channel.
@@ -132,10 +140,21 @@ public:
   // The same without a limit.
   int Read(KivNetBuffer &buffContainer, int maxTicklePackets);
 
+  // Reads one data frame as Read does, with its waits, tickle limit and results, but puts the
+  // payload straight into `buffer` (room for `capacity` bytes). `buffer` is written only with a
+  // whole frame that fits; with `buffer` null the frame is consumed and dropped, and its length
+  // returned. A frame longer than `capacity` is consumed and lost without anything being
+  // allocated for it: throws a plain KivExceptions, and the next read gets the following frame.
+  // Also throws a plain KivExceptions when a socket operation fails or `timeout` is not a valid
+  // limit (negative, or microseconds outside 0 to 999999).
+  int ReadInto(unsigned char *buffer, int capacity, const KivTimeVal *timeout,
+               int maxTicklePackets);
+
   // Marks the channel closed and tells a listener to stop, shuts the connection down (which wakes
-  // a listener blocked on it), then closes the descriptor and forgets it. Returns the platform's
-  // close result: 0, or -1 when the channel held no descriptor. A listener can no longer be
-  // started on the channel afterwards (Open does not change that).
+  // a listener blocked on it), then closes the descriptor and forgets it, and releases the
+  // reader's copy of waiting frames (a running listener releases it when it ends). Returns the
+  // platform's close result: 0, or -1 when the channel held no descriptor. A listener can no
+  // longer be started on the channel afterwards (Open does not change that).
   int Close();
 
   // The descriptor, unchecked: -1 after Close (never throws, unlike the base's checked form).
@@ -194,26 +213,23 @@ protected:
   KivTimeVal mOpenAnswerLimit; // the wait for the open answer, 60 s
 
 private:
-  struct FrameOutcome;
-
-  // Reads the next frame (one header, and the payload unless it is a tickle packet or bad) from
-  // `descriptor`. `headerLimit` bounds each wait for header bytes (null: none). With `stoppable`
-  // the payload waits are cut into poll periods between which a cleared mStillListen stops the
-  // read. Throws the socket layer's exceptions.
-  FrameOutcome ReadNextFrame(int descriptor, const KivTimeVal *headerLimit,
-                             kiv::KivFrameDestination &destination, bool stoppable);
+  // Reads the next data frame into `destination` for the Read forms: the reader slot taken, the
+  // limit checked, tickle packets skipped up to `maxTicklePackets` (reached: TIMED_OUT).
+  kiv::KivFrameOutcome ReadFrame(const KivTimeVal *timeout, int maxTicklePackets,
+                                 kiv::KivFrameDestination &destination);
   // The listener loop on its own `descriptor`, which it closes when it ends.
   void RunListener(int descriptor);
   // The registered poll period.
   KivTimeVal PollPeriod() const;
+  // Releases the reader's copy unless a reader holds the slot.
+  void ReleaseReaderIfIdle();
 
   class ReaderSlot;
 
-  std::atomic<bool> mReading;          // a frame read is in progress
+  std::atomic<bool> mReading;          // the reader slot: a read or a listener is reading
   std::atomic<bool> mListenerThreaded; // the running listener is a thread of its own
   std::atomic<int> mListenerSocket;    // the descriptor handed to a listener thread at launch
-  unsigned char mHeaderBytes[KivHBN3TCPHeader::kLength]; // frame-header bytes read so far
-  int mHeaderHave;
+  kiv::KivHBN3FrameReader mReader;     // used only by the holder of the reader slot
 };
 
 #endif // KIV_SOCKETS_KIVHBN3TCPSOCKET_H
