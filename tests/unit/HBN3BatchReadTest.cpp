@@ -27,41 +27,8 @@
 #include "Sockets/KivHBN3TCPSocket.h"
 #include "support/ChannelPeer.h"
 #include "support/DescriptorCheckedTest.h"
+#include "support/LargeAllocations.h"
 #include "support/TestChannel.h"
-
-// Every allocation of this program goes through here, so a test can tell whether a read
-// reserved memory for a frame it was to drop. They are kept out of line: inlined into a caller,
-// they would show the compiler a block from malloc() released by operator delete, or the reverse.
-namespace {
-std::atomic<long> gLargeAllocations{0};
-constexpr size_t kLarge = 1 << 20;
-
-void *Allocate(size_t size) {
-  if (size >= kLarge) {
-    ++gLargeAllocations;
-  }
-  return std::malloc(size == 0 ? 1 : size);
-}
-} // namespace
-
-__attribute__((noinline)) void *operator new(size_t size) {
-  void *block = Allocate(size);
-  if (block == nullptr) {
-    throw std::bad_alloc();
-  }
-  return block;
-}
-__attribute__((noinline)) void *operator new[](size_t size) { return operator new(size); }
-__attribute__((noinline)) void *operator new(size_t size, const std::nothrow_t &) noexcept {
-  return Allocate(size);
-}
-__attribute__((noinline)) void *operator new[](size_t size, const std::nothrow_t &) noexcept {
-  return Allocate(size);
-}
-__attribute__((noinline)) void operator delete(void *block) noexcept { std::free(block); }
-__attribute__((noinline)) void operator delete[](void *block) noexcept { std::free(block); }
-__attribute__((noinline)) void operator delete(void *block, size_t) noexcept { std::free(block); }
-__attribute__((noinline)) void operator delete[](void *block, size_t) noexcept { std::free(block); }
 
 namespace {
 
@@ -405,9 +372,10 @@ TEST_P(HBN3BatchRead, AFrameTooLargeForTheBufferIsConsumedWithoutAllocating) {
   EXPECT_EQ(read(), 11);
   EXPECT_EQ(kivtest::ToHex(buffer.data(), 11), kivtest::ToHex(Pattern(11, 3)));
   buffer.assign(512, 0xEE);
-  const long largeBefore = gLargeAllocations.load();
+  ASSERT_TRUE(kivtest::LargeAllocationsAreCounted());
+  const long largeBefore = kivtest::LargeAllocations();
   EXPECT_THROW(read(), KivExceptions) << "3 MiB into 512";
-  EXPECT_EQ(gLargeAllocations.load(), largeBefore) << "nothing reserved for the lost frame";
+  EXPECT_EQ(kivtest::LargeAllocations(), largeBefore) << "nothing reserved for the lost frame";
   EXPECT_EQ(buffer[0], 0xEE);
   EXPECT_EQ(read(), 12);
   EXPECT_EQ(kivtest::ToHex(buffer.data(), 12), kivtest::ToHex(Pattern(12, 4)));

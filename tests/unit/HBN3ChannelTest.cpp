@@ -20,36 +20,8 @@
 #include "Sockets/KivHBN3TCPSocket.h"
 #include "support/ChannelPeer.h"
 #include "support/DescriptorCheckedTest.h"
+#include "support/LargeAllocations.h"
 #include "support/TestChannel.h"
-
-// Every allocation of this program goes through here, so a test can tell whether a read
-// reserved memory for a length a device announced.
-namespace {
-std::atomic<long> gLargeAllocations{0};
-constexpr size_t kLarge = 1 << 20;
-
-void *Allocate(size_t size) {
-  if (size >= kLarge) {
-    ++gLargeAllocations;
-  }
-  return std::malloc(size == 0 ? 1 : size);
-}
-} // namespace
-
-void *operator new(size_t size) {
-  void *block = Allocate(size);
-  if (block == nullptr) {
-    throw std::bad_alloc();
-  }
-  return block;
-}
-void *operator new[](size_t size) { return operator new(size); }
-void *operator new(size_t size, const std::nothrow_t &) noexcept { return Allocate(size); }
-void *operator new[](size_t size, const std::nothrow_t &) noexcept { return Allocate(size); }
-void operator delete(void *block) noexcept { std::free(block); }
-void operator delete[](void *block) noexcept { std::free(block); }
-void operator delete(void *block, size_t) noexcept { std::free(block); }
-void operator delete[](void *block, size_t) noexcept { std::free(block); }
 
 namespace {
 
@@ -208,16 +180,17 @@ TEST_F(HBN3Channel, ReadResultsForEveryKindOfStream) {
       {"many tickles, no limit",
        Join({Tickle(), Tickle(), Tickle(), Tickle(), Tickle(), Frame(Hex("42"))}), -1, 1, "42"},
   };
+  ASSERT_TRUE(kivtest::LargeAllocationsAreCounted());
   for (const auto &c : cases) {
     PairedChannel p;
     p.box.SetBuffer(Hex("EE EE").data(), 2);
     p.pair.Send(c.stream);
     p.pair.CloseDevice();
-    const long largeBefore = gLargeAllocations.load();
+    const long largeBefore = kivtest::LargeAllocations();
     EXPECT_EQ(p.channel.Read(p.box, c.maxTickles), c.result) << c.name;
     EXPECT_EQ(Content(p.box), c.content) << c.name;
     if (c.result == -2) {
-      EXPECT_EQ(gLargeAllocations.load(), largeBefore) << c.name << ": nothing reserved";
+      EXPECT_EQ(kivtest::LargeAllocations(), largeBefore) << c.name << ": nothing reserved";
     }
   }
 }
