@@ -25,33 +25,19 @@
 #include "sim/Simulator.h"
 #include "support/ChannelPeer.h"
 #include "support/DescriptorCheckedTest.h"
-#include "tools/kivnet/Run.h"
+#include "tests/tools/InProcessKivnet.h"
 
 extern char **environ;
 
 namespace {
 
+using kivtest::Ran;
+using kivtest::ReadAll;
+
 using kivsim::ChannelScript;
 
 // Loopback addresses 127.0.11.60 to 127.0.11.69 belong to this file.
 const char kDevice[] = "127.0.11.60";
-
-struct Ran {
-  int status = -1;
-  std::string out, err;
-  double seconds = 0;
-};
-
-std::string ReadAll(std::FILE *file) {
-  std::rewind(file);
-  std::string text;
-  char chunk[4096];
-  for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, file)) > 0;) {
-    text.append(chunk, n);
-  }
-  std::fclose(file);
-  return text;
-}
 
 // The time in a summary line ("in 0.0 s;") varies with the machine's load.
 std::string WithoutTime(const std::string &text) {
@@ -98,15 +84,7 @@ protected:
     mSimulator->SetChannelScript(0, script);
     std::vector<std::string> args = {"channel", kDevice, "--port", mPort};
     args.insert(args.end(), extra.begin(), extra.end());
-    std::FILE *out = std::tmpfile();
-    std::FILE *err = std::tmpfile();
-    Ran ran;
-    const auto start = std::chrono::steady_clock::now();
-    ran.status = kivnet::RunKivnet(args, out, err);
-    ran.seconds = kivtest::SecondsSince(start);
-    ran.out = ReadAll(out);
-    ran.err = ReadAll(err);
-    return ran;
+    return kivtest::RunKivnet(args);
   }
 
   // True once the device has seen connection `n` closed by the host.

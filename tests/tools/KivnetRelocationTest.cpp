@@ -24,11 +24,14 @@
 #include "sim/Simulator.h"
 #include "support/ChannelPeer.h"
 #include "support/DescriptorCheckedTest.h"
+#include "tests/tools/InProcessKivnet.h"
 #include "support/ScriptedResponder.h"
 #include "tools/kivnet/Relocation.h"
-#include "tools/kivnet/Run.h"
 
 namespace {
+
+using kivtest::Ran;
+using kivtest::RunWords;
 
 namespace fs = std::filesystem;
 
@@ -44,40 +47,6 @@ std::string SimMac(int n) {
   char text[13];
   std::snprintf(text, sizeof text, "024b495600%02x", n);
   return text;
-}
-
-struct Ran {
-  int status = -1;
-  std::string out, err;
-  double seconds = 0;
-};
-
-std::string ReadAll(std::FILE *file) {
-  std::rewind(file);
-  std::string text;
-  char chunk[4096];
-  for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, file)) > 0;) {
-    text.append(chunk, n);
-  }
-  std::fclose(file);
-  return text;
-}
-
-// Runs kivnet with the words of `args` in this process, its standard error on `err` when given.
-Ran RunWords(const std::string &args, std::FILE *err = nullptr) {
-  std::istringstream in(args);
-  const std::vector<std::string> words{std::istream_iterator<std::string>(in), {}};
-  std::FILE *out = std::tmpfile();
-  std::FILE *errFile = err != nullptr ? err : std::tmpfile();
-  Ran ran;
-  const auto start = std::chrono::steady_clock::now();
-  ran.status = kivnet::RunKivnet(words, out, errFile);
-  ran.seconds = kivtest::SecondsSince(start);
-  ran.out = ReadAll(out);
-  if (err == nullptr) {
-    ran.err = ReadAll(errFile);
-  }
-  return ran;
 }
 
 // A peer that answers the MAC query at once with another device's MAC, so a check of its address

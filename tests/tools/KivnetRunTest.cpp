@@ -18,38 +18,13 @@
 
 #include "Interfaces/KivNetworkComm.h"
 #include "support/DescriptorCheckedTest.h"
-#include "tools/kivnet/Run.h"
+#include "tests/tools/InProcessKivnet.h"
 
 namespace {
 
-struct Ran {
-  int status = -1;
-  std::string out, err;
-};
-
-std::string ReadAll(std::FILE *file) {
-  std::rewind(file);
-  std::string text;
-  char chunk[4096];
-  for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, file)) > 0;) {
-    text.append(chunk, n);
-  }
-  std::fclose(file);
-  return text;
-}
-
-// Runs kivnet with the words of `args` (after the program name), its output in temporary files.
-Ran RunWords(const std::string &args) {
-  std::istringstream in(args);
-  const std::vector<std::string> words{std::istream_iterator<std::string>(in), {}};
-  std::FILE *out = std::tmpfile();
-  std::FILE *err = std::tmpfile();
-  Ran ran;
-  ran.status = kivnet::RunKivnet(words, out, err);
-  ran.out = ReadAll(out);
-  ran.err = ReadAll(err);
-  return ran;
-}
+using kivtest::Ran;
+using kivtest::ReadAll;
+using kivtest::RunWords;
 
 // A UDP socket on a loopback address that never answers: the device that is not there.
 class SilentPeer {
