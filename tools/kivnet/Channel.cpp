@@ -47,17 +47,6 @@ double Since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-Failure Fail(FailureKind kind, const std::string &detail, const char *function = "",
-             UInt32 code = 0, int systemError = 0) {
-  Failure failure;
-  failure.kind = kind;
-  failure.detail = detail;
-  failure.function = function;
-  failure.code = code;
-  failure.systemError = systemError;
-  return failure;
-}
-
 std::string Frames(int count) {
   return std::to_string(count) + (count == 1 ? " frame" : " frames");
 }

@@ -76,17 +76,6 @@ UInt32 ReceiveFailedCode() {
   return kiv::frame::kExceptionCodeBase + KivSocketException(RECVFROM_ERROR).GetErrorCode();
 }
 
-Failure Fail(FailureKind kind, const std::string &detail, const char *function = "",
-             UInt32 code = 0, int systemError = 0) {
-  Failure failure;
-  failure.kind = kind;
-  failure.detail = detail;
-  failure.function = function;
-  failure.code = code;
-  failure.systemError = systemError;
-  return failure;
-}
-
 std::string Where(const std::string &address, int port) {
   return (address == kBroadcast ? std::string("255.255.255.255") : address) + ":" +
          std::to_string(port);
@@ -480,6 +469,17 @@ std::string KindName(FailureKind kind) {
     return "ended-early";
   }
   return "none";
+}
+
+Failure Fail(FailureKind kind, const std::string &detail, const char *function, UInt32 code,
+             int systemError) {
+  Failure failure;
+  failure.kind = kind;
+  failure.detail = detail;
+  failure.function = function;
+  failure.code = code;
+  failure.systemError = systemError;
+  return failure;
 }
 
 std::string Failure::SystemReason() const {

@@ -44,6 +44,10 @@ struct Failure {
   std::string SystemReason() const;
 };
 
+// A failure of `kind`; `function`, `code` and `systemError` as in Failure.
+Failure Fail(FailureKind kind, const std::string &detail, const char *function = "",
+             UInt32 code = 0, int systemError = 0);
+
 // Hears of each answer as discovery takes it in, so that output can grow as devices answer.
 class DiscoveryListener {
 public:
