@@ -3,17 +3,12 @@
 // time passed.
 #include "tools/kivnet/Relocation.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cctype>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
+#include "HelperFiles/KivFileDeviceStore.h"
 #include "Interfaces/KivNetworkComm.h"
 
 namespace kivnet {
@@ -22,92 +17,8 @@ namespace {
 
 typedef std::chrono::steady_clock Clock;
 
-const char kStoreHeader[] = "org.kivnetworkcomm.KivNetworkComm device store 1";
-const char kDefaultStore[] = "/var/lib/KivNetworkComm/devices";
-// A store larger than this is not the library's (it holds a handful of devices).
-constexpr off_t kMaxStoreSize = 1 << 20;
-// The longest dotted IPv4 address, "255.255.255.255".
-constexpr std::size_t kMaxAddressLength = 15;
-
 double Since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// Bytes the store writes as %XX: spaces, control and non-ASCII bytes, and '%' itself.
-bool Escaped(unsigned char c) { return c <= ' ' || c >= 0x7F || c == '%'; }
-
-int UpperHexDigit(char c) {
-  return c >= '0' && c <= '9' ? c - '0' : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-}
-
-// A store field as written (%XX for the escaped bytes); false for anything the store would not
-// have written.
-bool Decode(const std::string &text, std::string &out) {
-  out.clear();
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '%') {
-      if (Escaped(static_cast<unsigned char>(text[i]))) {
-        return false;
-      }
-      out += text[i];
-      continue;
-    }
-    if (i + 2 >= text.size() || UpperHexDigit(text[i + 1]) < 0 || UpperHexDigit(text[i + 2]) < 0) {
-      return false;
-    }
-    out += static_cast<char>(UpperHexDigit(text[i + 1]) << 4 | UpperHexDigit(text[i + 2]));
-    i += 2;
-  }
-  return true;
-}
-
-// The file's text, or false when it is missing, unreadable, not a regular file or too large.
-bool ReadStore(const std::string &path, std::string &text) {
-  // O_NONBLOCK: a FIFO where the store belongs must not hold kivnet.
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-  if (fd < 0) {
-    return false;
-  }
-  struct stat info;
-  bool ok = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size <= kMaxStoreSize;
-  char chunk[4096];
-  while (ok) {
-    const ssize_t got = read(fd, chunk, sizeof chunk);
-    if (got < 0 && errno == EINTR) {
-      continue;
-    }
-    if (got <= 0) {
-      ok = got == 0;
-      break;
-    }
-    text.append(chunk, static_cast<std::size_t>(got));
-    ok = text.size() <= static_cast<std::size_t>(kMaxStoreSize);
-  }
-  close(fd);
-  return ok;
-}
-
-// Four numbers of one to three digits up to 255, joined by dots, at most 15 characters.
-bool IsStoredAddress(const std::string &text) {
-  if (text.empty() || text.size() > kMaxAddressLength) {
-    return false;
-  }
-  int parts = 0;
-  std::size_t start = 0;
-  for (;;) {
-    const std::size_t dot = text.find('.', start);
-    const std::string digits = text.substr(start, dot == std::string::npos ? dot : dot - start);
-    if (digits.empty() || digits.size() > 3 ||
-        digits.find_first_not_of("0123456789") != std::string::npos ||
-        std::atoi(digits.c_str()) > 255) {
-      return false;
-    }
-    ++parts;
-    if (dot == std::string::npos) {
-      return parts == 4;
-    }
-    start = dot + 1;
-  }
 }
 
 std::string Seconds1(double seconds) {
@@ -126,44 +37,10 @@ std::string RelocationForm(const std::string &mac) {
   return lower;
 }
 
-std::string DeviceStorePath() {
-  const char *named = std::getenv("KIVNET_DEVICE_STORE");
-  return named != nullptr && named[0] != '\0' ? named : kDefaultStore;
-}
+std::string DeviceStorePath() { return kiv::KivFileDeviceStore::DefaultPath(); }
 
 std::string RememberedAddress(const std::string &path, const std::string &mac) {
-  std::string text;
-  if (!ReadStore(path, text)) {
-    return "";
-  }
-  std::string found;
-  std::size_t start = 0;
-  bool first = true;
-  while (start < text.size()) {
-    std::size_t end = text.find('\n', start);
-    if (end == std::string::npos) {
-      end = text.size();
-    }
-    const std::string line = text.substr(start, end - start);
-    start = end + 1;
-    if (first) {
-      if (line != kStoreHeader) {
-        return "";
-      }
-      first = false;
-      continue;
-    }
-    const std::size_t space = line.find(' ');
-    std::string key, value;
-    if (space == std::string::npos || !Decode(line.substr(0, space), key) ||
-        !Decode(line.substr(space + 1), value) || key.empty()) {
-      return ""; // a line that is no entry: the whole store reads as empty
-    }
-    if (key == mac) {
-      found = value; // a later entry for the same key wins
-    }
-  }
-  return IsStoredAddress(found) ? found : "";
+  return kiv::KivFileDeviceStore(path).Get(mac);
 }
 
 void QueryMac(const CommandLine &line, MacAnswer &answer) {
