@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "CommonFiles/KivUniqueFd.h"
 #include "HelperFiles/KivAvahiServiceBrowser.h"
 #include "HelperFiles/KivFileDeviceStore.h"
 #include "HelperFiles/KivNetHelperUtils.h"
@@ -51,23 +52,6 @@ std::mutex gCallGate;
 
 // Largest datagram read of an answer.
 constexpr int kAnswerRoom = 1024;
-
-// Closes the query socket on every path.
-class UniqueSocket {
-public:
-  explicit UniqueSocket(int fd) : mFd(fd) {}
-  ~UniqueSocket() {
-    if (mFd >= 0) {
-      close(mFd);
-    }
-  }
-  UniqueSocket(const UniqueSocket &) = delete;
-  UniqueSocket &operator=(const UniqueSocket &) = delete;
-  int Get() const { return mFd; }
-
-private:
-  int mFd;
-};
 
 // Waits until `fd` is readable or `seconds` have passed (a signal does not shorten the wait).
 bool WaitReadable(int fd, int seconds) {
@@ -186,7 +170,7 @@ std::string KivNetBonjourUtil::extractIPAddress(const unsigned char *buffData, i
 }
 
 std::string KivNetBonjourUtil::getMACAddressByHCP(std::string ipAddress, int timeout) {
-  const UniqueSocket socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const kiv::UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (socket.Get() < 0) {
     return std::string();
   }

@@ -14,6 +14,8 @@
 #include <thread>
 #include <utility>
 
+#include "CommonFiles/KivUniqueFd.h"
+
 namespace kiv {
 
 const char KivFileDeviceStore::kHeader[] = "org.kivnetworkcomm.KivNetworkComm device store 1";
@@ -29,25 +31,6 @@ constexpr off_t kMaxFileSize = 1 << 20;
 // stuck while holding the lock must not stall every relocation on the host.
 constexpr int kLockAttempts = 40;
 constexpr std::chrono::milliseconds kLockRetry(50);
-
-// Closes its descriptor on every path.
-class UniqueFd {
-public:
-  explicit UniqueFd(int fd = -1) : mFd(fd) {}
-  ~UniqueFd() { Reset(); }
-  UniqueFd(const UniqueFd &) = delete;
-  UniqueFd &operator=(const UniqueFd &) = delete;
-  int Get() const { return mFd; }
-  void Reset(int fd = -1) {
-    if (mFd >= 0) {
-      close(mFd);
-    }
-    mFd = fd;
-  }
-
-private:
-  int mFd;
-};
 
 bool NeedsEscape(unsigned char c) { return c <= ' ' || c >= 0x7F || c == '%'; }
 

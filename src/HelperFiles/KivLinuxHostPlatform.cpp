@@ -22,6 +22,8 @@
 #include <memory>
 #include <string>
 
+#include "CommonFiles/KivUniqueFd.h"
+
 namespace kiv {
 
 namespace {
@@ -42,30 +44,13 @@ IfaddrsList ReadInterfaceList() {
 // How often the address list is read when the kernel reports it changed meanwhile.
 constexpr int kAddressListingAttempts = 5;
 
-// A descriptor closed when its holder goes (-1: none).
-class Descriptor {
-public:
-  explicit Descriptor(int fd) : mFd(fd) {}
-  ~Descriptor() {
-    if (mFd >= 0) {
-      close(mFd);
-    }
-  }
-  Descriptor(const Descriptor &) = delete;
-  Descriptor &operator=(const Descriptor &) = delete;
-  int get() const { return mFd; }
-
-private:
-  int mFd;
-};
-
 // Reads a file in pieces into a fixed area and hands each line to `line` (without its line feed;
 // the last line also when no line feed ends it). A line longer than the area is handed over cut to
 // the area's size, and the rest of it is skipped. A read that fails ends the file there. Returns
 // false when the file cannot be opened.
 template <class Line> bool ForEachLine(const char *path, Line &&line) {
-  const Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
-  const int fd = file.get();
+  const UniqueFd file(open(path, O_RDONLY | O_CLOEXEC));
+  const int fd = file.Get();
   if (fd < 0) {
     return false;
   }
@@ -200,8 +185,8 @@ struct IPv4Address {
 // from the prefix length. `visit` returns false to stop the listing. kInterrupted: the kernel's
 // list changed while it was being read, and the listing is to be started again.
 template <class Visit> Listing ListIPv4Addresses(Visit &&visit) {
-  const Descriptor socketFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-  const int fd = socketFd.get();
+  const UniqueFd socketFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+  const int fd = socketFd.Get();
   if (fd < 0) {
     return Listing::kFailed;
   }
