@@ -268,7 +268,7 @@ TEST_F(SimulatorChannelTest, HostBytesAreRecordedPerConnectionAndTheHostsCloseIs
 // Stop ends a connection waiting for its open request, a silent one, one in a long pause and one
 // sending to a host that does not read, all within its bounded wait and with every descriptor
 // closed.
-TEST_F(SimulatorChannelTest, StopEndsEveryConnectionPromptlyAndStartServesAgain) {
+TEST_F(SimulatorChannelTest, StopEndsEveryConnectionPromptly) {
   kivsim::ChannelScript silent;
   silent.handshake = kivsim::ChannelScript::kSilent;
   kivsim::ChannelScript flood = kivsim::PatternScript(1, 8 << 20);
