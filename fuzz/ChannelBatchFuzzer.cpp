@@ -4,37 +4,17 @@
 // caller's-buffer form (of a chosen capacity, or none), the container form and the listener.
 // Each must give exactly what an independent reading of the bytes gives, however the stream is
 // cut into the reader's batches by its arrival.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <algorithm>
-#include <climits>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
-#include "CommonFiles/KivNetBuffer.h"
-#include "Common/Exceptions/KivExceptions.h"
+#include "FuzzSupport.h"
 #include "Sockets/KivHBN3FrameReader.h"
-#include "Sockets/KivHBN3TCPSocket.h"
 
 namespace {
 
-typedef std::vector<unsigned char> Bytes;
-
-void Require(bool condition) {
-  if (!condition) {
-    __builtin_trap();
-  }
-}
-
+using kivfuzz::Bytes;
 constexpr int kCopy = kiv::KivHBN3FrameReader::kCopyCapacity;
 constexpr int kLimit = kiv::KivHBN3FrameReader::kCopiedPayloadLimit;
 
@@ -50,23 +30,19 @@ const int kSizes[32] = {1,     2,          7,          8,      9,          10,  
 const int kCapacities[8] = {-1, 0, 1, 64, 1000, kLimit, 70000, 400000};
 
 constexpr size_t kMaxStream = 2 * 1024 * 1024;
-// More outcomes than a stream of kMaxStream bytes can give (one per nine bytes at most).
-constexpr int kMaxOutcomes = 1 << 20;
 
 void Append(Bytes &stream, const Bytes &bytes) {
   stream.insert(stream.end(), bytes.begin(), bytes.end());
 }
 
+// A frame header with `tag`, a dummy byte that is not examined, and `length`.
 Bytes Header(uint32_t length, const char *tag = "HBN3") {
-  return {static_cast<unsigned char>(tag[0]),
-          static_cast<unsigned char>(tag[1]),
-          static_cast<unsigned char>(tag[2]),
-          static_cast<unsigned char>(tag[3]),
-          0x5A,
-          static_cast<unsigned char>(length >> 24),
-          static_cast<unsigned char>(length >> 16),
-          static_cast<unsigned char>(length >> 8),
-          static_cast<unsigned char>(length)};
+  Bytes header(tag, tag + 4);
+  header.push_back(0x5A);
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    header.push_back(static_cast<unsigned char>(length >> shift));
+  }
+  return header;
 }
 
 // Bytes that differ at every offset within 251, made once: payloads are slices of it, so
@@ -124,172 +100,23 @@ Bytes StreamOf(const uint8_t *ops, size_t count) {
   return stream;
 }
 
-// One outcome as the host sees it: a count, with the payload at `at` in the stream when one is
-// handed over; "lost" for a frame too large for the caller's buffer; for the listener a failure
-// report (null, n).
-struct Outcome {
-  int count;
-  size_t at;    // where the payload lies in the stream (count > 0 and a payload handed over)
-  bool payload; // a payload is handed over
-  bool special; // lost (reads), a null block (listener)
-};
-
-// The stream read independently of the library. `capacity` -1: no buffer (counts only);
-// `listener`: bad headers are (null, 1), tickles skipped, no tickle limit.
-std::vector<Outcome> Expected(const Bytes &stream, int maxTickles, int capacity, bool listener) {
-  std::vector<Outcome> outcomes;
-  outcomes.reserve(stream.size() / 9 + 2);
-  size_t at = 0;
-  int tickles = 0;
-  for (;;) {
-    if (stream.size() - at < 9) {
-      outcomes.push_back({0, 0, false, false});
-      return outcomes;
-    }
-    const unsigned char *h = stream.data() + at;
-    at += 9;
-    const bool tagged = h[0] == 'H' && h[1] == 'B' && h[2] == 'N' && h[3] == '3';
-    const int32_t length = static_cast<int32_t>((uint32_t(h[5]) << 24) | (uint32_t(h[6]) << 16) |
-                                                (uint32_t(h[7]) << 8) | uint32_t(h[8]));
-    if (tagged && length == 0) {
-      if (!listener && maxTickles > 0 && ++tickles >= maxTickles) {
-        outcomes.push_back({-5, 0, false, false});
-        tickles = 0;
-      }
-      continue;
-    }
-    tickles = 0;
-    if (!tagged || length < 0 || length > kHBN3MaxFramePayloadLength) {
-      outcomes.push_back(listener ? Outcome{1, 0, false, true} : Outcome{-2, 0, false, false});
-      continue;
-    }
-    if (stream.size() - at < static_cast<size_t>(length)) {
-      outcomes.push_back({0, 0, false, false}); // closed inside the payload
-      return outcomes;
-    }
-    if (!listener && capacity >= 0 && length > capacity) {
-      outcomes.push_back({0, 0, false, true}); // lost
-    } else {
-      outcomes.push_back({length, at, listener || capacity >= 0, false});
-    }
-    at += static_cast<size_t>(length);
-  }
-}
-
-// Checks one outcome the library gave against the next expected one.
-class Checker {
-public:
-  Checker(const Bytes &stream, std::vector<Outcome> expected)
-      : mStream(stream), mExpected(std::move(expected)) {}
-  void Next(int count, const unsigned char *payload, bool special) {
-    Require(mNext < mExpected.size());
-    const Outcome &wanted = mExpected[mNext++];
-    Require(count == wanted.count && special == wanted.special);
-    Require((payload != nullptr) == wanted.payload);
-    if (wanted.payload) {
-      Require(std::memcmp(payload, mStream.data() + wanted.at, static_cast<size_t>(count)) == 0);
-    }
-  }
-  bool Done() const { return mNext == mExpected.size(); }
-
-private:
-  const Bytes &mStream;
-  std::vector<Outcome> mExpected;
-  size_t mNext = 0;
-};
-
-// A channel on the host end of a fresh loopback connection whose device end a thread feeds with
-// the stream and then closes.
-class FedChannel : public KivHBN3TCPSocket {
-public:
-  explicit FedChannel(const Bytes &stream) : KivHBN3TCPSocket("127.0.0.1", 9, kScanInterface) {
-    static const int listening = Listening();
-    const int host = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = {};
-    socklen_t length = sizeof address;
-    Require(host != -1 &&
-            ::getsockname(listening, reinterpret_cast<sockaddr *>(&address), &length) == 0);
-    Require(::connect(host, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0);
-    const int device = ::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC);
-    Require(device != -1);
-    AdoptConnectedSocket(host);
-    mDevice = std::thread([device, &stream] {
-      size_t sent = 0;
-      while (sent < stream.size()) {
-        const ssize_t n = ::send(device, stream.data() + sent, stream.size() - sent, MSG_NOSIGNAL);
-        if (n <= 0) {
-          break; // the host went away first
-        }
-        sent += static_cast<size_t>(n);
-      }
-      ::close(device);
-    });
-  }
-  ~FedChannel() {
-    Close(); // a device still sending finds the connection gone
-    mDevice.join();
-  }
-
-private:
-  static int Listening() {
-    const int listening = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    Require(listening != -1 &&
-            ::bind(listening, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
-            ::listen(listening, 4) == 0);
-    return listening;
-  }
-
-  std::thread mDevice;
-};
-
+// Reads `stream` into the caller's buffer of `capacity` bytes (-1: none) to its end, every other
+// read with a limit.
 void ReadIntoAll(const Bytes &stream, int maxTickles, int capacity) {
-  Checker check(stream, Expected(stream, maxTickles, capacity, false));
-  FedChannel channel(stream);
+  kivfuzz::ChannelChecker check(stream,
+                                kivfuzz::ExpectedOutcomes(stream, maxTickles, capacity, false));
+  kivfuzz::FedChannel channel(stream, true);
   std::vector<unsigned char> buffer(capacity > 0 ? static_cast<size_t>(capacity) : 1);
   const KivTimeVal patient = {10, 0}; // bytes on their way come long before
-  for (int reads = 0; !check.Done() && reads < kMaxOutcomes; ++reads) {
-    int count = 0;
+  for (int reads = 0; !check.Done(); ++reads) {
     try {
-      count = channel.ReadInto(capacity >= 0 ? buffer.data() : nullptr, capacity,
-                               (reads & 1) != 0 ? &patient : nullptr, maxTickles);
+      const int count = channel.ReadInto(capacity >= 0 ? buffer.data() : nullptr, capacity,
+                                         (reads & 1) != 0 ? &patient : nullptr, maxTickles);
+      check.Next(count, count > 0 && capacity >= 0 ? buffer.data() : nullptr, false);
     } catch (const KivExceptions &) {
-      check.Next(0, nullptr, true);
-      continue;
+      check.Next(0, nullptr, true); // lost for the buffer
     }
-    check.Next(count, count > 0 && capacity >= 0 ? buffer.data() : nullptr, false);
   }
-  Require(check.Done());
-}
-
-void ReadBoxAll(const Bytes &stream, int maxTickles) {
-  Checker check(stream, Expected(stream, maxTickles, INT_MAX, false));
-  FedChannel channel(stream);
-  KivNetBuffer box;
-  KivNetBufferStorageGuard release(box);
-  for (int reads = 0; !check.Done() && reads < kMaxOutcomes; ++reads) {
-    const int count = channel.Read(box, maxTickles);
-    Require(count <= 0 || box.GetBufferLength() == count);
-    check.Next(count, count > 0 ? box.GetBufferRef() : nullptr, false);
-  }
-  Require(check.Done());
-}
-
-// Checks what the listener hands over and stops it at the end of the stream.
-bool Listen(const unsigned char *data, int length, void *param) {
-  Checker &check = *static_cast<Checker *>(param);
-  check.Next(length, length > 0 ? data : nullptr, data == nullptr);
-  std::free(const_cast<unsigned char *>(data));
-  return !check.Done();
-}
-
-void ListenAll(const Bytes &stream) {
-  Checker check(stream, Expected(stream, 0, INT_MAX, true));
-  FedChannel channel(stream);
-  channel.RegisterReadCallback(&Listen, &check, 0, 1000, false, false);
-  Require(check.Done());
 }
 
 } // namespace
@@ -305,9 +132,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
   ReadIntoAll(stream, maxTickles, capacity);
   if ((data[0] & 0x20) != 0) {
-    ReadBoxAll(stream, maxTickles);
+    kivfuzz::ReadBoxAll(stream, true, maxTickles, nullptr);
   } else {
-    ListenAll(stream);
+    kivfuzz::ListenAll(stream, true);
   }
   return 0;
 }

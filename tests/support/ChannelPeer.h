@@ -1,13 +1,20 @@
-// Device ends for the channel tests, written with plain sockets: a loopback TCP peer that accepts
-// one connection, a connected stream pair, HBN3 frames built from their bytes, thread counting.
+// Device ends for the channel tests, written with plain sockets: HBN3 frames built from their
+// bytes, a loopback listener, a connected stream a test writes as the device, a record of what a
+// listener's callback was given, and a fixture that checks threads and descriptors.
 #ifndef KIV_TESTS_SUPPORT_CHANNELPEER_H
 #define KIV_TESTS_SUPPORT_CHANNELPEER_H
+
+#include <pthread.h>
 
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include "support/DescriptorCheckedTest.h"
 #include "support/TestSupport.h"
 
 namespace kivtest {
@@ -35,15 +42,10 @@ public:
   bool Accept(double seconds = 10);
   // Up to `count` bytes, as many as arrive within `seconds` (fewer when the host closes).
   Bytes Receive(size_t count, double seconds = 10);
-  // Everything the host sends until it closes, or until `seconds` pass.
-  Bytes ReceiveUntilClosed(double seconds = 10);
-  // Sends all of `bytes` on the connection.
   void Send(const Bytes &bytes);
   // Closes the connection in order (FIN), or with a reset (RST).
   void CloseConnection();
   void ResetConnection();
-  // Stops listening, so a new connection is refused.
-  void StopListening();
   int Connection() const { return mConnection; }
 
 private:
@@ -52,29 +54,63 @@ private:
   int mPort = 0;
 };
 
-// A connected AF_UNIX stream pair: `host` for the channel, `device` for the test. Both
-// descriptors are closed at the end unless taken.
-class StreamPair {
+// A connected stream: the host end for a channel, the device end for the test; over loopback TCP
+// or an AF_UNIX pair. The device's send buffer (and on TCP the host's receive buffer) is made
+// several MiB large where the process may, so a whole test stream can wait in the host's end.
+class DeviceStream {
 public:
-  StreamPair();
-  ~StreamPair();
-  StreamPair(const StreamPair &) = delete;
-  StreamPair &operator=(const StreamPair &) = delete;
+  explicit DeviceStream(bool tcp = false);
+  ~DeviceStream();
+  DeviceStream(const DeviceStream &) = delete;
+  DeviceStream &operator=(const DeviceStream &) = delete;
 
   // The host end, given away (the channel closes it from now on).
   int TakeHost();
-  int Device() const { return mDevice; }
+  // Sends `bytes` from a thread of its own, after what was sent before: a stream larger than the
+  // buffers does not block the test. Finish waits for it.
   void Send(const Bytes &bytes);
-  // Sends `bytes` in pieces at the offsets `splits`, pausing `pause` between them.
-  void SendSplit(const Bytes &bytes, std::initializer_list<size_t> splits,
-                 std::chrono::milliseconds pause);
-  // Everything waiting on the device end (without waiting).
-  Bytes Drain();
+  // Sends `bytes` and waits until all of them are waiting in the host's end.
+  void SendWaiting(const Bytes &bytes);
+  void Finish();
+  // Bytes waiting in the host's end, not yet consumed by any reader.
+  int Waiting() const;
+  // Ends the device's side in order (the host reads the end of the stream), or with a reset.
   void CloseDevice();
+  void ResetDevice();
 
 private:
   int mHost = -1;
+  int mHostSeen = -1; // the host end after the channel took it (only asked how much waits)
   int mDevice = -1;
+  std::thread mSender;
+};
+
+// One call of a listener's callback.
+struct ListenerCall {
+  std::string text; // "41 42" for a payload, "closed" for length 0, "null/N" for a null block
+  Bytes payload;
+  pthread_t thread;
+  std::chrono::steady_clock::time_point at;
+};
+
+// What a listener's callback was given. `answer` decides its result from the call's number (1,
+// 2, ...) and the call.
+class CallbackLog {
+public:
+  std::function<bool(int, const ListenerCall &)> answer = [](int, const ListenerCall &) {
+    return true;
+  };
+  // The callback to register, with the log as its parameter; it frees every block it is given.
+  static bool Callback(const unsigned char *data, int length, void *param);
+  std::vector<ListenerCall> Calls();
+  size_t Count() { return Calls().size(); }
+  // The calls' texts, joined with " | ".
+  std::string Text();
+  std::vector<Bytes> Payloads();
+
+private:
+  std::mutex mMutex;
+  std::vector<ListenerCall> mCalls;
 };
 
 // Number of threads in this process.
@@ -89,6 +125,23 @@ bool WaitFor(const std::function<bool()> &condition, double seconds);
 
 // Seconds since `start`.
 double SecondsSince(std::chrono::steady_clock::time_point start);
+
+// Fails every test that ends with other threads or open descriptors than it began with.
+class ThreadCheckedTest : public DescriptorCheckedTest {
+protected:
+  void SetUp() override {
+    DescriptorCheckedTest::SetUp();
+    mThreads = CountThreadsBeforeATest();
+  }
+  void TearDown() override {
+    EXPECT_TRUE(WaitFor([&] { return CountThreads() == mThreads; }, 5))
+        << "a thread was left running";
+    DescriptorCheckedTest::TearDown();
+  }
+
+private:
+  int mThreads = 0;
+};
 
 } // namespace kivtest
 

@@ -1,6 +1,6 @@
 // The TCP client and server sockets against loopback peers: complete receives from pieces and
 // early closes, timed waits, every failure's error (no SIGPIPE from a vanished peer), the
-// server's accept, client bookkeeping and handle record, and no descriptor left open.
+// server's accept and client bookkeeping, and no descriptor left open.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -9,17 +9,13 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <thread>
-#include <vector>
 
-#include "Interfaces/KivNetworkComm.h"
 #include "Sockets/KivTCPClientSocket.h"
 #include "Sockets/KivTCPServerSocket.h"
 #include "support/ChannelPeer.h"
-#include "support/DescriptorCheckedTest.h"
 
 namespace {
 
@@ -57,10 +53,6 @@ std::unique_ptr<KivTCPClientSocket> Connected(LoopbackPeer &peer) {
 TEST_F(TCPSockets, CompleteReceivesGatherPiecesAndReportAnEarlyClose) {
   LoopbackPeer peer;
   auto client = Connected(peer);
-  EXPECT_EQ(client->getClassID(), 0x74637043u);
-  EXPECT_EQ(client->GetIPAddress() + ":" + std::to_string(client->GetPort()),
-            "127.0.0.1:" + std::to_string(peer.Port()));
-
   std::thread device([&] {
     peer.Send(Hex("01 02 03 04"));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -83,62 +75,37 @@ TEST_F(TCPSockets, TimedWaitsRunOutAndFailOnAClosedDescriptor) {
   LoopbackPeer peer;
   auto client = Connected(peer);
   unsigned char got[9];
-
-  auto start = std::chrono::steady_clock::now();
+  const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(client->RecvAll(got, 9, KivTimeVal{0, 0}, 0), -2);
   EXPECT_LT(kivtest::SecondsSince(start), 0.5) << "a zero limit does not wait";
-  start = std::chrono::steady_clock::now();
-  EXPECT_EQ(client->RecvAll(got, 9, KivTimeVal{0, 300000}, 0), -2);
-  EXPECT_GE(kivtest::SecondsSince(start), 0.25);
-
-  // A peer that reads nothing: the buffers fill and a wait for writability runs out.
-  const std::vector<unsigned char> flood(32 * 1024 * 1024, 0x55);
-  EXPECT_EQ(client->SendAll(flood.data(), static_cast<int>(flood.size()), KivTimeVal{0, 200000}, 0),
-            -2);
-
-  EXPECT_EQ(ErrorOf([&] { client->RecvAll(got, 9, KivTimeVal{-1, 0}, 0); }), SELECT_ERROR);
   EXPECT_EQ(ErrorOf([&] { client->RecvAll(got, 9, KivTimeVal{0, 1000000}, 0); }), SELECT_ERROR);
   ASSERT_EQ(client->Close(), 0);
   EXPECT_EQ(ErrorOf([&] { client->RecvAll(got, 9, KivTimeVal{1, 0}, 0); }), SELECT_ERROR);
   EXPECT_EQ(ErrorOf([&] { client->SendAll(got, 9, KivTimeVal{1, 0}, 0); }), SELECT_ERROR);
   EXPECT_EQ(client->SendAll(got, 0, 0), 0) << "an empty message makes no system call";
-  EXPECT_EQ(client->RecvAll(got, 0, KivTimeVal{1, 0}, 0), 0);
 }
 
 TEST_F(TCPSockets, EveryFailureThrowsItsError) {
   LoopbackPeer peer;
-  const int refusedPort = [] {
-    LoopbackPeer gone;
-    return gone.Port();
-  }();
-  KivTCPClientSocket nowhere("127.0.0.1", refusedPort);
+  KivTCPClientSocket nowhere("127.0.0.1", [] { return LoopbackPeer().Port(); }());
   auto client = Connected(peer);
   KivTCPServerSocket fresh(0), busy(peer.Port()), notListening(0);
+  KivSocketAddress from("", 0);
   unsigned char area[16] = {};
   const Bytes lots(4096, 1);
-
   const struct {
     const char *name;
     std::function<void()> operation;
     UInt32 error;
   } cases[] = {
       {"connect to nothing", [&] { nowhere.Connect(); }, CONNECT_ERROR},
-      {"connect twice", [&] { client->Connect(); }, CONNECT_ERROR},
       {"negative send", [&] { client->Send(area, -1, 0); }, CLIENT_SEND_ERROR},
-      {"null send", [&] { client->SendAll(nullptr, 3, 0); }, CLIENT_SEND_ERROR},
       {"negative receive", [&] { client->Recv(area, -1, 0); }, CLIENT_RECV_ERROR},
       {"null receive", [&] { client->RecvAll(nullptr, 3, 0); }, CLIENT_RECV_ERROR},
       {"bind a taken port", [&] { busy.Bind(); }, BIND_TCP_ERROR},
-      {"accept unlistened",
-       [&] {
-         KivSocketAddress a("", 0);
-         notListening.Accept(a);
-       },
-       ACCEPT_ERROR},
+      {"accept unlistened", [&] { notListening.Accept(from); }, ACCEPT_ERROR},
       {"receive before accept", [&] { fresh.Recv(area, 4, 0); }, SERVER_RECV_ERROR},
       {"send before accept", [&] { fresh.Send(area, 4, 0); }, SERVER_SEND_ERROR},
-      {"server negative send", [&] { fresh.Send(client->GetSocket(), area, -2, 0); },
-       SERVER_SEND_ERROR},
       // The peer resets; the sends that follow fail instead of raising SIGPIPE in this process.
       {"send to a vanished peer",
        [&] {
@@ -160,19 +127,10 @@ TEST_F(TCPSockets, EveryFailureThrowsItsError) {
   }
 }
 
-TEST_F(TCPSockets, ServerAcceptsTalksAndLeavesTheFormerClientToTheCaller) {
+TEST_F(TCPSockets, ServerAcceptsAndLeavesTheFormerClientToTheCaller) {
   std::unique_ptr<KivTCPServerSocket> server(new KivTCPServerSocket());
-  EXPECT_EQ(server->getClassID(), 0x74637053u);
-  // Made through the class, it is a handle of kind 2 at once, and of no other kind.
-  // Kept as a number: the pointer is only compared once the object is gone, never followed.
-  volatile uintptr_t address = reinterpret_cast<uintptr_t>(server.get());
-  HANDLE handle = server.get();
-  EXPECT_EQ(VerifySocketHandle(handle, 2), server.get());
-  EXPECT_EQ(VerifySocketHandle(handle, 1), nullptr);
   ASSERT_EQ(server->Bind() + server->Listen(4), 0);
-  EXPECT_EQ(server->GetPort(), 0) << "the port asked for, not the one picked";
   const int port = BoundPort(server->GetSocket());
-
   KivTCPClientSocket first("127.0.0.1", port), second("127.0.0.1", port);
   ASSERT_EQ(first.Connect(), 0);
   KivSocketAddress from("unchanged", 1);
@@ -182,24 +140,15 @@ TEST_F(TCPSockets, ServerAcceptsTalksAndLeavesTheFormerClientToTheCaller) {
             "127.0.0.1:" + std::to_string(BoundPort(first.GetSocket())));
   EXPECT_EQ(::fcntl(firstClient, F_GETFD), FD_CLOEXEC);
 
+  // Sending and receiving through the accepted client: ChannelFunctionsTest (kind 2).
   unsigned char got[8] = {};
-  EXPECT_EQ(server->Send(Hex("11 22 33").data(), 3, 0), 3);
-  EXPECT_EQ(first.RecvAll(got, 3, 0), 3);
-  EXPECT_EQ(first.Send(Hex("44 55").data(), 2, 0), 2);
-  EXPECT_EQ(server->Recv(got, 8, 0), 2);
-  EXPECT_EQ(kivtest::ToHex(got, 3), "44 55 33");
-
   ASSERT_EQ(second.Connect(), 0);
-  const int secondClient = server->Accept(from);
-  EXPECT_NE(secondClient, firstClient);
+  EXPECT_NE(server->Accept(from), firstClient);
   EXPECT_NE(::fcntl(firstClient, F_GETFD), -1) << "the former client stays open";
   ::close(firstClient); // the caller's to close
   EXPECT_EQ(first.Recv(got, 8, 0), 0);
-
-  delete server.release(); // closes the current client and the listening descriptor
+  server.reset(); // closes the current client and the listening descriptor
   EXPECT_EQ(second.Recv(got, 8, 0), 0);
-  EXPECT_EQ(VerifySocketHandle(reinterpret_cast<HANDLE>(address), 2), nullptr)
-      << "a destroyed server is no handle";
 }
 
 } // namespace
